@@ -1,0 +1,387 @@
+/*
+ * Location mapping and persistence: the LMT's segments in the persistent store,
+ * the one-record overwrite journal of each table, and the reconciliation of map
+ * and hardware after a restart.
+ *
+ * Records live under the client's key prefix followed by four bytes
+ * {record type, inst, tbl_type, segment or 0}, so the records of one table are
+ * contiguous in key order and a restore walks them with one cursor.
+ */
+#include "tcamwrap_internal.h"
+
+namespace {
+
+/* Build {prefix, type, inst, tbl_type, last} in the library's key buffer. */
+kvs_buf *tcamwrap_kvs_build_key(uint8_t type, uint8_t inst, uint32_t tbl_type, uint8_t last)
+{
+    kvs_buf *key = &tcamwrap_gl_db.kvs_key;
+    const uint32_t prefix_len = tcamwrap_gl_db.kvs_key_prefix != nullptr
+                                    ? tcamwrap_gl_db.kvs_key_prefix->len
+                                    : 0;
+    /* tcamwrap_init() cut the prefix to what fits in front of the record bytes. */
+    const uint32_t p = prefix_len > TCAMWRAP_KVS_KEY_BUF - 4 ? TCAMWRAP_KVS_KEY_BUF - 4
+                                                             : prefix_len;
+    key->data[p + 0] = type;
+    key->data[p + 1] = inst;
+    key->data[p + 2] = (uint8_t)tbl_type;
+    key->data[p + 3] = last;
+    key->len = p + 4;
+    return key;
+}
+
+/* The four record bytes of a key the store's cursor stands on, or NULL when the
+ * key is too short to hold them. */
+const uint8_t *tcamwrap_kvs_record_bytes(const kvs_buf *cursor_key)
+{
+    const uint32_t p = tcamwrap_gl_db.kvs_key.len - 4;
+    if (cursor_key == nullptr || cursor_key->data == nullptr || cursor_key->len < p + 4)
+        return nullptr;
+    return cursor_key->data + p;
+}
+
+bool tcamwrap_kvs_record_is(const kvs_buf *cursor_key, uint8_t type, uint8_t inst,
+                            uint32_t tbl_type)
+{
+    const uint8_t *rec = tcamwrap_kvs_record_bytes(cursor_key);
+    return rec != nullptr && rec[0] == type && rec[1] == inst && rec[2] == (uint8_t)tbl_type;
+}
+
+/* Words of segment seg that exist in a table of lmt_sz entries: 1024, or what
+ * is left of the table in its last segment. */
+uint32_t tcamwrap_segment_words(uint32_t lmt_sz, uint32_t seg)
+{
+    const uint32_t first = seg * TCAMWRAP_SEG_ENTRIES;
+    if (first >= lmt_sz)
+        return 0;
+    const uint32_t left = lmt_sz - first;
+    return left < TCAMWRAP_SEG_ENTRIES ? left : TCAMWRAP_SEG_ENTRIES;
+}
+
+/* Copy one restored segment into the LMT and claim its slocs in the RLMT. */
+void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *info,
+                                  uint32_t seg, const kvs_buf *value)
+{
+    const uint32_t first = seg * TCAMWRAP_SEG_ENTRIES;
+    /* A record longer than the segment's place in the table, or not a whole
+     * number of words, is cut: the copy never writes past the LMT. */
+    uint32_t words = value->len / sizeof(uint32_t);
+    const uint32_t room = tcamwrap_segment_words(info->lmt_sz, seg);
+    if (words > room) {
+        TCAMWRAP_TRACE_AS("tcamwrap_lmt_restore", 3,
+                          "*** LMT segment<%d %d>: %d holds %d words, table has room for %d ***\n",
+                          inst, tbl_type, seg, words, room);
+        words = room;
+    }
+    if (words != 0 && value->data != nullptr)
+        memcpy(info->lmt + first, value->data, words * sizeof(uint32_t));
+
+    for (uint32_t i = 0; i < TCAMWRAP_SEG_ENTRIES; i++) {
+        const uint32_t loc = first + i;
+        if (loc >= info->lmt_sz)
+            break;
+        const uint32_t sloc = info->lmt[loc];
+        if (sloc == TCAMWRAP_INVALID_LOC)
+            continue;
+        if (sloc >= info->lmt_sz) {
+            /* Beyond the table: no RLMT entry to claim; the LMT entry is dropped
+             * so it cannot be used as an index later. */
+            TCAMWRAP_TRACE_AS("tcamwrap_lmt_restore", 3,
+                              "*** loc: 0x%x sloc: 0x%x is beyond the table, dropped ***\n", loc,
+                              sloc);
+            info->lmt[loc] = TCAMWRAP_INVALID_LOC;
+            continue;
+        }
+        info->rlmt[sloc] = loc;
+        TCAMWRAP_TRACE_AS("tcamwrap_lmt_restore", 7, "loc: 0x%x sloc: 0x%x\n", loc, sloc);
+    }
+}
+
+} // namespace
+
+/* ---- LMT segments ------------------------------------------------------------- */
+
+int tcamwrap_kvs_store_lmt_segment(uint8_t inst, uint32_t tbl_type, uint32_t loc)
+{
+    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
+    TCAMWRAP_ASSERT(info != nullptr, __func__, 395);
+    if (info == nullptr) {
+        tcamwrap_saved_errno = EINVAL;
+        return -1;
+    }
+    const uint32_t seg = (loc >> TCAMWRAP_SEG_SHIFT) & 0xFF;
+    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type, (uint8_t)seg);
+    kvs_buf value = {reinterpret_cast<uint8_t *>(info->lmt + seg * TCAMWRAP_SEG_ENTRIES),
+                     (uint32_t)(tcamwrap_segment_words(info->lmt_sz, seg) * sizeof(uint32_t))};
+    TCAMWRAP_TRACE(7, "storing LMT segment<%d %d>: %d \n", inst, tbl_type, seg);
+    const int rc = kvs_store(tcamwrap_gl_db.kvs_handle, TCAMWRAP_KVS_MODE, key, &value);
+    if (rc == 0)
+        return 0;
+    TCAMWRAP_TRACE(3, "*** LMT segment<%d %d>: %d kvs_store() failed: %s ***\n", inst, tbl_type,
+                   seg, errcode2str(rc));
+    tcamwrap_saved_errno = ENOSPC;
+    return -1;
+}
+
+/* Rebuild the LMT and the RLMT of a table from its stored segments. Always 0: a
+ * store that cannot be read leaves the table as far as it was restored, and the
+ * hardware restore that follows carries on. */
+int tcamwrap_lmt_restore(uint8_t inst, uint32_t tbl_type)
+{
+    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
+    if (info == nullptr)
+        return 0;
+    TCAMWRAP_TRACE(7, "restoring LMT<%d %d> from kvs..\n", inst, tbl_type);
+
+    int err = 0;
+    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type, 0);
+    kvs_buf *cursor = kvs_move2key(tcamwrap_gl_db.kvs_handle, key, &err);
+    err = 0;
+    while (cursor != nullptr) {
+        if (!tcamwrap_kvs_record_is(cursor, TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type))
+            return 0;
+        const uint32_t seg = tcamwrap_kvs_record_bytes(cursor)[3];
+        TCAMWRAP_TRACE(7, "restored LMT segment<%d %d>: %d\n", inst, tbl_type, seg);
+        const kvs_buf *value = kvs_getvalue(tcamwrap_gl_db.kvs_handle, &err);
+        if (err != 0 || value == nullptr) {
+            TCAMWRAP_TRACE(3, "*** kvs_getvalue() failed: %s ***\n", errcode2str(err));
+            return 0;
+        }
+        TCAMWRAP_TRACE(7, "restored kvs segment size: %d\n", value->len);
+        tcamwrap_lmt_restore_segment(inst, tbl_type, info, seg, value);
+        cursor = kvs_move2location(tcamwrap_gl_db.kvs_handle, KVS_MOVE_NEXT, &err);
+        if (err != 0)
+            return 0;
+    }
+    return 0;
+}
+
+/* ---- overwrite journal --------------------------------------------------------- */
+
+void tcamwrap_kvs_store_ha_overwrite(uint8_t inst, uint32_t tbl_type, uint32_t loc,
+                                     uint32_t old_sloc, uint32_t new_sloc)
+{
+    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_OVERWRITE, inst, tbl_type, 0);
+    uint32_t record[3] = {loc, old_sloc, new_sloc};
+    kvs_buf value = {reinterpret_cast<uint8_t *>(record), sizeof(record)};
+    TCAMWRAP_TRACE(7, "storing overwrite info <%d, %d>: loc 0x%x old_sloc 0x%x new_sloc 0x%x\n",
+                   inst, tbl_type, loc, old_sloc, new_sloc);
+    const int rc = kvs_store(tcamwrap_gl_db.kvs_handle, TCAMWRAP_KVS_MODE, key, &value);
+    if (rc != 0) {
+        TCAMWRAP_TRACE(3,
+                       "*** overwrite info <%d %d>: loc 0x%x old_sloc 0x%x new_sloc 0x%x "
+                       "kvs_store() failed: %s ***\n",
+                       inst, tbl_type, loc, old_sloc, new_sloc, errcode2str(rc));
+        tcamwrap_saved_errno = ENOSPC;
+    }
+}
+
+int tcamwrap_kvs_delete_ha_overwrite(uint8_t inst, uint32_t tbl_type)
+{
+    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_OVERWRITE, inst, tbl_type, 0);
+    TCAMWRAP_TRACE(7, "deleting overwrite info <%d, %d>\n", inst, tbl_type);
+    const int rc = kvs_delete(tcamwrap_gl_db.kvs_handle, key);
+    if (rc == 0)
+        return 0;
+    TCAMWRAP_TRACE(3, "*** overwrite info <%d %d> kvs_delete() failed: %s ***\n", inst, tbl_type,
+                   errcode2str(rc));
+    tcamwrap_saved_errno = ENOSPC;
+    return -1;
+}
+
+/* Read the table's overwrite record into record[3]; all 0xFFFFFFFF when there is
+ * none. A store that cannot be read counts as an empty journal. */
+int tcamwrap_ha_overwrite_restore(uint8_t inst, uint32_t tbl_type, uint32_t *record)
+{
+    if (record == nullptr) {
+        TCAMWRAP_ASSERT(record != nullptr, __func__, 636);
+        TCAMWRAP_TRACE(3, "*** %s: overwrite_info_p is NULL ***\n", __func__);
+        tcamwrap_saved_errno = EINVAL;
+        return -1;
+    }
+    record[0] = record[1] = record[2] = TCAMWRAP_INVALID_LOC;
+    TCAMWRAP_TRACE(7, "restoring overwrite <%d %d> info from kvs..\n", inst, tbl_type);
+
+    int err = 0;
+    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_OVERWRITE, inst, tbl_type, 0);
+    kvs_buf *cursor = kvs_move2key(tcamwrap_gl_db.kvs_handle, key, &err);
+    err = 0;
+    while (cursor != nullptr) {
+        if (!tcamwrap_kvs_record_is(cursor, TCAMWRAP_REC_OVERWRITE, inst, tbl_type))
+            return 0;
+        TCAMWRAP_TRACE(7, "restored overwrite info <%d %d>\n", inst, tbl_type);
+        const kvs_buf *value = kvs_getvalue(tcamwrap_gl_db.kvs_handle, &err);
+        if (err != 0 || value == nullptr) {
+            TCAMWRAP_TRACE(3, "*** kvs_getvalue() failed: %s ***\n", errcode2str(err));
+            return 0;
+        }
+        TCAMWRAP_ASSERT(value->len == 3 * sizeof(uint32_t), __func__, 694);
+        /* A short value fills only the words it has. */
+        const uint32_t bytes = value->len < 3 * sizeof(uint32_t) ? value->len
+                                                                 : 3 * sizeof(uint32_t);
+        if (bytes != 0 && value->data != nullptr)
+            memcpy(record, value->data, bytes);
+        TCAMWRAP_TRACE(7, "restored loc 0x%x old_sloc 0x%x new_sloc 0x%x\n",
+                       record[TCAMWRAP_OW_LOC], record[TCAMWRAP_OW_OLD_SLOC],
+                       record[TCAMWRAP_OW_NEW_SLOC]);
+        cursor = kvs_move2location(tcamwrap_gl_db.kvs_handle, KVS_MOVE_NEXT, &err);
+        if (err != 0)
+            return 0;
+    }
+    return 0;
+}
+
+/* ---- reconciliation after a restart ----------------------------------------------- */
+
+namespace {
+
+/* Delete the hardware entry at *sloc through the search engine with the handle
+ * set for a reconciliation delete (the callbacks leave the maps alone). */
+int tcamwrap_post_restore_delete(tbl_params *params, uint32_t loc, uint32_t start_addr,
+                                 uint32_t *sloc)
+{
+    tcamwrap_set_cb_handle(params->inst, params->tbl_type, loc, 0, nullptr,
+                           TCAMWRAP_OPER_POST_RESTORE);
+    params->start_addr = start_addr;
+    const int rc = orvex_tcam_delete_entry(params, sloc);
+    tcamwrap_save_errno();
+    if (rc != 0)
+        TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
+                          "*** <%d, %d> orvex_tcam_delete_entry() failed: %s ***\n", params->inst,
+                          params->tbl_type, strerror(tcamwrap_saved_errno));
+    return rc;
+}
+
+/* Point loc at target, releasing the sloc it had. */
+void tcamwrap_post_restore_switch(tcam_info *info, uint8_t inst, uint32_t tbl_type, uint32_t loc,
+                                  uint32_t lmt_sloc, uint32_t target)
+{
+    if (lmt_sloc == target)
+        return;
+    TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3, "<%d, %d> Changing LMT to loc: 0x%x -> sloc: 0x%x\n",
+                      inst, tbl_type, loc, target);
+    /* Indices outside the table (a journal that does not fit it, or an LMT that
+     * lost the mapping) are not written. */
+    if (loc < info->lmt_sz)
+        info->lmt[loc] = target;
+    if (target < info->lmt_sz)
+        info->rlmt[target] = loc;
+    if (lmt_sloc < info->lmt_sz)
+        info->rlmt[lmt_sloc] = TCAMWRAP_INVALID_LOC;
+    if (loc < info->lmt_sz)
+        (void)tcamwrap_kvs_store_lmt_segment(inst, tbl_type, loc);
+}
+
+bool tcamwrap_sloc_in_hw(const tcam_info *info, uint32_t sloc)
+{
+    return sloc < info->lmt_sz && info->sloc_valid[sloc] != 0;
+}
+
+/* Finish or undo the overwrite that the journal says was in flight. */
+int tcamwrap_post_restore_journal(tcam_info *info, tbl_params *params, uint32_t *record)
+{
+    const uint8_t inst = params->inst;
+    const uint32_t tbl_type = params->tbl_type;
+    const uint32_t loc = record[TCAMWRAP_OW_LOC];
+    const uint32_t old_sloc = record[TCAMWRAP_OW_OLD_SLOC];
+    const uint32_t new_sloc = record[TCAMWRAP_OW_NEW_SLOC];
+    const bool old_valid = tcamwrap_sloc_in_hw(info, old_sloc);
+    const bool new_valid = tcamwrap_sloc_in_hw(info, new_sloc);
+    const uint32_t lmt_sloc = (uint32_t)tcamwrap_lmt_get_sloc(inst, tbl_type, loc);
+
+    TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
+                      "<%d, %d> Overwrite KVS record found..!! loc: 0x%x old_sloc: 0x%x valid: %d "
+                      "new_sloc: 0x%x valid: %d\n",
+                      inst, tbl_type, loc, old_sloc, old_valid, new_sloc, new_valid);
+    TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
+                      "<%d, %d> Corresponding LMT information: loc: 0x%x sloc: 0x%x\n", inst,
+                      tbl_type, loc, lmt_sloc);
+
+    if (old_valid && !new_valid) {
+        tcamwrap_post_restore_switch(info, inst, tbl_type, loc, lmt_sloc, old_sloc);
+    } else if (new_valid) {
+        tcamwrap_post_restore_switch(info, inst, tbl_type, loc, lmt_sloc, new_sloc);
+        if (old_valid) {
+            TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
+                              "<%d, %d> invalidating the entry at old_sloc: 0x%x\n", inst,
+                              tbl_type, old_sloc);
+            const int rc = tcamwrap_post_restore_delete(params, loc, old_sloc,
+                                                        &record[TCAMWRAP_OW_OLD_SLOC]);
+            if (rc != 0)
+                return rc; /* the record stays for the next start */
+        }
+    } else {
+        TCAMWRAP_ASSERT(false, "tcamwrap_post_restore", 1364);
+        TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 2,
+                          "*** <%d, %d> found overwrite kvs record loc: 0x%x old_sloc: 0x%x "
+                          "new_sloc: 0x%x where both old and new slocs are invalid in hw..!! ***\n",
+                          inst, tbl_type, loc, old_sloc, new_sloc);
+    }
+
+    TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3, "<%d, %d> Deleting Overwrite KVS record..\n",
+                      inst, tbl_type);
+    (void)tcamwrap_kvs_delete_ha_overwrite(inst, tbl_type);
+    return 0;
+}
+
+/* Drop mappings to locations that hold no entry in the hardware. */
+void tcamwrap_post_restore_lmt_scan(tcam_info *info, uint8_t inst, uint32_t tbl_type)
+{
+    for (uint32_t loc = 0; loc < info->lmt_sz; loc++) {
+        const uint32_t sloc = info->lmt[loc];
+        if (sloc == TCAMWRAP_INVALID_LOC || tcamwrap_sloc_in_hw(info, sloc))
+            continue;
+        TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
+                          "<%d, %d> LMT inconsistency found at loc: 0x%x sloc: 0x%x ..!!\n", inst,
+                          tbl_type, loc, sloc);
+        TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
+                          "<%d, %d> Invalidating LMT entry at loc: 0x%x\n", inst, tbl_type, loc);
+        if (sloc < info->lmt_sz)
+            info->rlmt[sloc] = TCAMWRAP_INVALID_LOC;
+        info->lmt[loc] = TCAMWRAP_INVALID_LOC;
+        (void)tcamwrap_kvs_store_lmt_segment(inst, tbl_type, loc);
+    }
+}
+
+/* Delete hardware entries that no location owns; stops at the first failure. */
+int tcamwrap_post_restore_rlmt_scan(tcam_info *info, tbl_params *params)
+{
+    for (uint32_t sloc = 0; sloc < info->lmt_sz; sloc++) {
+        if (info->sloc_valid[sloc] != 1 ||
+            tcamwrap_rlmt_get_loc(info, sloc) != TCAMWRAP_INVALID_LOC)
+            continue;
+        TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3, "<%d, %d> RLMT inconsistency found at sloc: 0x%x ..!!\n",
+                          params->inst, params->tbl_type, sloc);
+        TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3, "<%d, %d> invalidating the entry at sloc: 0x%x\n",
+                          params->inst, params->tbl_type, sloc);
+        uint32_t target = sloc;
+        const int rc = tcamwrap_post_restore_delete(params, TCAMWRAP_INVALID_LOC,
+                                                    TCAMWRAP_INVALID_LOC, &target);
+        if (rc != 0)
+            return rc;
+    }
+    return 0;
+}
+
+} // namespace
+
+int tcamwrap_post_restore(uint8_t inst, uint32_t tbl_type)
+{
+    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
+    TCAMWRAP_ASSERT(info != nullptr, __func__, 1249);
+    TCAMWRAP_ASSERT(info == nullptr || info->sloc_valid != nullptr, __func__, 1250);
+    if (info == nullptr || info->sloc_valid == nullptr) {
+        tcamwrap_saved_errno = EINVAL;
+        return -1;
+    }
+
+    tbl_params params = {inst, tbl_type, 1, 0, 0};
+    uint32_t record[3];
+    const int rc = tcamwrap_ha_overwrite_restore(inst, tbl_type, record);
+    if (rc != 0)
+        return rc;
+    if (record[TCAMWRAP_OW_LOC] != TCAMWRAP_INVALID_LOC)
+        return tcamwrap_post_restore_journal(info, &params, record);
+
+    tcamwrap_post_restore_lmt_scan(info, inst, tbl_type);
+    return tcamwrap_post_restore_rlmt_scan(info, &params);
+}
