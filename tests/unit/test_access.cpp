@@ -1,0 +1,316 @@
+/*
+ * SSRAM write and the result memory reads, on both TCAM kinds.
+ */
+#include "test_support.h"
+
+namespace tw {
+namespace {
+
+const char *const kSsramWrite = "tcamwrap_fwd_ssram_write";
+const char *const kSsramRead = "tcamwrap_fwd_ssram_read";
+const char *const kFlowRead = "tcamwrap_fwd_flow_result_read";
+const char *const kAclRead = "tcamwrap_fwd_acl_prio_read";
+
+Bytes words(uint32_t n, uint32_t seed)
+{
+    Bytes out;
+    for (uint32_t i = 0; i < n; ++i) {
+        Bytes w = make_word(seed + i);
+        out.insert(out.end(), w.begin(), w.end());
+    }
+    return out;
+}
+
+Bytes slice(const Bytes &b, size_t from, size_t n) { return Bytes(b.begin() + from, b.begin() + from + n); }
+
+class Access : public LibTest {};
+
+/* ---- tcamwrap_fwd_ssram_write --------------------------------------------------- */
+
+TEST_F(Access, OrvexSsramWriteTranslatesEachLoc)
+{
+    orvex(FIB);
+    Table &t = table(0, FIB, 32);
+    t.map(4, 17);
+    level(7);
+    Bytes w = words(2, 1);
+    tbl_params p = params(0, FIB, 2, 4, 0xBEE);
+    errno = 0;
+    EXPECT_EQ(tcamwrap_fwd_ssram_write(&p, w.data()), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(fake::ssram(0, FIB, 17), slice(w, 0, 5));
+    auto wr = fake::calls_of("fwd_ssram_write");
+    ASSERT_EQ(wr.size(), 1u);
+    EXPECT_EQ(wr[0].p.num_entries, 1u);
+    EXPECT_EQ(wr[0].p.start_addr, 17u);
+    EXPECT_EQ(wr[0].p.opaque, 0xBEEu);
+    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{kSsramWrite, "inst: 0 tbl_type: 3 num_entries: 2 start_addr: 0x4\n"},
+                                                  {kSsramWrite, "inst 0 found sloc: 0x11 for loc: 0x4\n"},
+                                                  {kSsramWrite, "*** inst 0 could not find sloc for loc: 0x5 ***\n"}}))
+        << dump_traces();
+}
+
+TEST_F(Access, OrvexSsramWriteOnEveryInstance)
+{
+    orvex(ACLO);
+    tcamwrap_gl_db.num_insts = 2;
+    Table &t0 = table(0, ACLO, 16);
+    Table &t1 = table(1, ACLO, 16);
+    t0.map(1, 2);
+    t0.map(2, 3);
+    t1.map(1, 12);
+    t1.map(2, 9);
+    Bytes w = words(2, 40);
+    tbl_params p = params(254, ACLO, 2, 1);
+    ASSERT_EQ(tcamwrap_fwd_ssram_write(&p, w.data()), 0);
+    std::vector<std::pair<int, uint32_t>> seen;
+    for (const fake::Call &c : fake::calls_of("fwd_ssram_write"))
+        seen.emplace_back(c.p.inst, c.p.start_addr);
+    EXPECT_EQ(seen, (std::vector<std::pair<int, uint32_t>>{{0, 2}, {1, 12}, {0, 3}, {1, 9}}));
+    EXPECT_EQ(fake::ssram(1, ACLO, 12), slice(w, 0, 5));
+    EXPECT_EQ(fake::ssram(1, ACLO, 9), slice(w, 5, 5));
+    EXPECT_EQ(fake::ssram(0, ACLO, 3), slice(w, 5, 5));
+}
+
+TEST_F(Access, SsramWriteFailuresAndPassThrough)
+{
+    orvex(FIB);
+    Table &t = table(0, FIB, 16);
+    t.map(0, 5);
+    level(3);
+    Bytes w = words(1, 1);
+    tbl_params p = params(0, FIB, 1, 0);
+    fake::fail("fwd_ssram_write", 14, EACCES);
+    errno = 0;
+    EXPECT_EQ(tcamwrap_fwd_ssram_write(&p, w.data()), 14);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{kSsramWrite, "*** inst 0 fwd_ssram_write() failed: " + err_text(EACCES) + " ***\n"}}));
+
+    /* tcam3: the caller's request in one call, and its failure text. */
+    orvex(ACLI, false);
+    fake::clear_calls();
+    fake::clear_traces();
+    Bytes w3 = words(3, 9);
+    tbl_params q = params(254, ACLI, 3, 20, 0x5);
+    errno = 0;
+    EXPECT_EQ(tcamwrap_fwd_ssram_write(&q, w3.data()), 14);
+    EXPECT_EQ(errno, EACCES);
+    auto wr = fake::calls_of("fwd_ssram_write");
+    ASSERT_EQ(wr.size(), 1u);
+    EXPECT_EQ(std::memcmp(&wr[0].p, &q, sizeof q), 0);
+    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{kSsramWrite, "*** fwd_ssram_write() failed: " + err_text(EACCES) + " ***\n"}}));
+
+    fake::clear_failures();
+    fake::clear_traces();
+    EXPECT_EQ(tcamwrap_fwd_ssram_write(&q, w3.data()), 0);
+    EXPECT_EQ(fake::ssram(254, ACLI, 22), slice(w3, 10, 5));
+
+    errno = 0;
+    EXPECT_EQ(tcamwrap_fwd_ssram_write(&q, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{kSsramWrite, "*** NULL params ***\n"}}));
+}
+
+/* ---- result memory reads --------------------------------------------------------------- */
+
+TEST_F(Access, OrvexSsramReadStopsAtTheFirstUnmappedLoc)
+{
+    orvex(FIB);
+    Table &t = table(0, FIB, 16);
+    t.map(0, 8);
+    t.map(1, 2);
+    fake::set_ssram(0, FIB, 8, make_word(1));
+    fake::set_ssram(0, FIB, 2, make_word(2));
+    level(7);
+    Bytes out(15, 0xAA);
+    tbl_params p = params(0, FIB, 3, 0);
+    errno = 0;
+    EXPECT_EQ(tcamwrap_fwd_ssram_read(&p, out.data()), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(slice(out, 0, 5), make_word(1));
+    EXPECT_EQ(slice(out, 5, 5), make_word(2));
+    EXPECT_EQ(slice(out, 10, 5), Bytes(5, 0xAA));
+    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{kSsramRead, "inst: 0 tbl_type: 3 num_entries: 3 start_addr: 0x0\n"},
+                                                  {kSsramRead, "found sloc: 0x8 for loc: 0x0\n"},
+                                                  {kSsramRead, "found sloc: 0x2 for loc: 0x1\n"},
+                                                  {kSsramRead, "*** could not find sloc for loc: 0x2 ***\n"}}))
+        << dump_traces();
+    for (const fake::Call &c : fake::calls_of("fwd_ssram_read"))
+        EXPECT_EQ(c.p.num_entries, 1u);
+}
+
+TEST_F(Access, OrvexAcliReadsUseTheSlocAndTheHalvedSloc)
+{
+    orvex(ACLI);
+    Table &t = table(0, ACLI, 128);
+    t.map(10, 0x41);
+    fake::set_flow(0, ACLI, 0x20, make_word(3));
+    fake::set_acl_prio(0, ACLI, 0x41, 1);
+    level(7);
+    Bytes flow(5);
+    uint8_t aclp = 0;
+    tbl_params p = params(0, ACLI, 1, 10);
+    ASSERT_EQ(tcamwrap_fwd_flow_result_read(&p, flow.data()), 0);
+    ASSERT_EQ(tcamwrap_fwd_acl_prio_read(&p, &aclp), 0);
+    EXPECT_EQ(flow, make_word(3));
+    EXPECT_EQ(aclp, 1);
+    EXPECT_EQ(fake::calls_of("fwd_flow_result_read")[0].p.start_addr, 0x20u);
+    EXPECT_EQ(fake::calls_of("fwd_acl_prio_read")[0].p.start_addr, 0x41u);
+    EXPECT_TRUE(traced(kFlowRead, "reading flow result SSRAM from loc: 0x20\n")) << dump_traces();
+    EXPECT_TRUE(traced(kFlowRead, "found sloc: 0x41 for loc: 0xa\n"));
+    EXPECT_TRUE(traced(kAclRead, "found sloc: 0x41 for loc: 0xa\n"));
+}
+
+TEST_F(Access, UnmappedLocMessages)
+{
+    orvex(ACLI);
+    table(0, ACLI, 16);
+    level(3);
+    Bytes buf(5);
+    tbl_params p = params(0, ACLI, 1, 3);
+    struct {
+        const char *func;
+        int (*call)(tbl_params *, uint8_t *);
+        std::string text;
+    } cases[] = {
+        {kSsramRead, tcamwrap_fwd_ssram_read, "*** could not find sloc for loc: 0x3 ***\n"},
+        {kFlowRead, tcamwrap_fwd_flow_result_read, "could not find sloc for loc: 0x3\n"},
+        {kAclRead, tcamwrap_fwd_acl_prio_read, "*** could not find sloc for loc: 0x3 ***\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.func);
+        fake::clear_traces();
+        errno = 0;
+        EXPECT_EQ(c.call(&p, buf.data()), -1);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(fake::traces(), (std::vector<Trace>{{c.func, c.text}}));
+    }
+    EXPECT_TRUE(fake::calls_with_prefix("fwd_").empty());
+}
+
+TEST_F(Access, Tcam3FlowResultReadIsEntryByEntryAtTheHalvedLoc)
+{
+    orvex(ACLI, false);
+    fake::set_flow(1, ACLI, 3, make_word(7));
+    Bytes out(10);
+    tbl_params p = params(1, ACLI, 2, 6, 0x66);
+    ASSERT_EQ(tcamwrap_fwd_flow_result_read(&p, out.data()), 0);
+    auto r = fake::calls_of("fwd_flow_result_read");
+    ASSERT_EQ(r.size(), 2u);
+    for (const fake::Call &c : r) {
+        EXPECT_EQ(c.p.start_addr, 3u);
+        EXPECT_EQ(c.p.num_entries, 1u);
+        EXPECT_EQ(c.p.inst, 1);
+        EXPECT_EQ(c.p.opaque, 0x66u);
+    }
+    EXPECT_EQ(slice(out, 0, 5), make_word(7));
+    EXPECT_EQ(slice(out, 5, 5), make_word(7));
+}
+
+TEST_F(Access, Tcam3SsramAndAclPrioReadsPassTheRequestThrough)
+{
+    orvex(ACLI, false);
+    tbl_params p = params(254, ACLI, 4, 8, 0x77);
+    Bytes buf(20);
+    ASSERT_EQ(tcamwrap_fwd_ssram_read(&p, buf.data()), 0);
+    ASSERT_EQ(tcamwrap_fwd_acl_prio_read(&p, buf.data()), 0);
+    for (const char *fn : {"fwd_ssram_read", "fwd_acl_prio_read"}) {
+        auto c = fake::calls_of(fn);
+        ASSERT_EQ(c.size(), 1u) << fn;
+        EXPECT_EQ(std::memcmp(&c[0].p, &p, sizeof p), 0) << fn;
+    }
+}
+
+TEST_F(Access, NonAcliTablesHaveNoFlowResultOrAclPriority)
+{
+    for (uint32_t tbl : {FIB, ACLO}) {
+        for (bool is_orvex : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "tbl " << tbl << (is_orvex ? " Orvex" : " tcam3"));
+            SetUp();
+            orvex(tbl, is_orvex);
+            table(0, tbl, 16).map(0, 0);
+            level(7);
+            Bytes buf(5);
+            tbl_params p = params(0, tbl, 1, 0);
+            errno = 0;
+            EXPECT_EQ(tcamwrap_fwd_flow_result_read(&p, buf.data()), -1);
+            EXPECT_EQ(errno, EINVAL);
+            errno = 0;
+            EXPECT_EQ(tcamwrap_fwd_acl_prio_read(&p, buf.data()), -1);
+            EXPECT_EQ(errno, EINVAL);
+            EXPECT_EQ(fake::traces(),
+                      (std::vector<Trace>{{kFlowRead, "*** cannot read flow result SSRAM on a non ACLI TCAM ***\n"},
+                                          {kAclRead, "*** cannot read ACL priority memory on a non ACLI TCAM ***\n"}}))
+                << dump_traces();
+            EXPECT_TRUE(fake::calls_with_prefix("fwd_").empty());
+        }
+    }
+}
+
+TEST_F(Access, ReadDriverFailures)
+{
+    orvex(ACLI);
+    Table &t = table(0, ACLI, 16);
+    t.map(0, 4);
+    level(3);
+    Bytes buf(5);
+    struct {
+        const char *fn;
+        const char *func;
+        int (*call)(tbl_params *, uint8_t *);
+    } cases[] = {
+        {"fwd_ssram_read", kSsramRead, tcamwrap_fwd_ssram_read},
+        {"fwd_flow_result_read", kFlowRead, tcamwrap_fwd_flow_result_read},
+        {"fwd_acl_prio_read", kAclRead, tcamwrap_fwd_acl_prio_read},
+    };
+    for (bool is_orvex : {true, false}) {
+        orvex(ACLI, is_orvex);
+        for (const auto &c : cases) {
+            SCOPED_TRACE(testing::Message() << c.fn << (is_orvex ? " Orvex" : " tcam3"));
+            fake::clear_failures();
+            fake::clear_traces();
+            fake::fail(c.fn, 21, ENOTTY);
+            tbl_params p = params(0, ACLI, 1, 0);
+            errno = 0;
+            EXPECT_EQ(c.call(&p, buf.data()), 21);
+            EXPECT_EQ(errno, ENOTTY);
+            EXPECT_EQ(fake::traces(),
+                      (std::vector<Trace>{{c.func, "*** " + std::string(c.fn) + "() failed: " + err_text(ENOTTY) + " ***\n"}}));
+        }
+    }
+}
+
+TEST_F(Access, NullArgumentsOfEveryAccessCall)
+{
+    orvex(ACLI);
+    level(3);
+    Bytes buf(5);
+    tbl_params p = params(0, ACLI, 1, 0);
+    struct {
+        const char *func;
+        int (*call)(tbl_params *, uint8_t *);
+    } cases[] = {
+        {kSsramWrite, tcamwrap_fwd_ssram_write}, {kSsramRead, tcamwrap_fwd_ssram_read},
+        {kFlowRead, tcamwrap_fwd_flow_result_read}, {kAclRead, tcamwrap_fwd_acl_prio_read},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.func);
+        for (int which = 0; which < 2; ++which) {
+            fake::clear_traces();
+            errno = 0;
+            EXPECT_EQ(which == 0 ? c.call(nullptr, buf.data()) : c.call(&p, nullptr), -1);
+            EXPECT_EQ(errno, EINVAL);
+            EXPECT_EQ(fake::traces(), (std::vector<Trace>{{c.func, "*** NULL params ***\n"}}));
+        }
+        fake::clear_traces();
+        tbl_params none = params(0, ACLI, 0, 0);
+        errno = 0;
+        EXPECT_EQ(c.call(&none, buf.data()), -1);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(fake::traces(), (std::vector<Trace>{{"tcamwrap_validate_tbl_params", "*** number of entries passed as 0 ***\n"}}));
+    }
+    EXPECT_TRUE(fake::calls_with_prefix("fwd_").empty());
+}
+
+}  // namespace
+}  // namespace tw

@@ -1,0 +1,417 @@
+/*
+ * Diagnostics: the LMT and TCAM dumps read back from a socket pair, and the
+ * parity-error correction with its reply checked byte by byte.
+ */
+#include "test_support.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tw {
+namespace {
+
+/* The reading end of a socket pair; the library writes into fd(). */
+class Sock {
+public:
+    Sock() { ok_ = socketpair(AF_UNIX, SOCK_STREAM, 0, fds_) == 0; }
+    ~Sock()
+    {
+        if (ok_) {
+            close(fds_[0]);
+            close(fds_[1]);
+        }
+    }
+    bool ok() const { return ok_; }
+    int fd() const { return fds_[0]; }
+
+    /* Everything sent so far, split at the NUL bytes. The last piece must be
+     * complete (followed by its NUL); a trailing fragment is reported as is. */
+    std::vector<std::string> pieces()
+    {
+        std::string all;
+        char buf[4096];
+        for (;;) {
+            ssize_t n = recv(fds_[1], buf, sizeof buf, MSG_DONTWAIT);
+            if (n <= 0)
+                break;
+            all.append(buf, size_t(n));
+        }
+        std::vector<std::string> out;
+        std::string cur;
+        for (char c : all) {
+            if (c == '\0') {
+                out.push_back(cur);
+                cur.clear();
+            } else {
+                cur.push_back(c);
+            }
+        }
+        if (!cur.empty())
+            out.push_back("<no NUL after>" + cur);
+        return out;
+    }
+
+private:
+    int fds_[2] = {-1, -1};
+    bool ok_ = false;
+};
+
+using Pieces = std::vector<std::string>;
+
+Pieces utilisation(const fake::Stats &b0, const fake::Stats &b1)
+{
+    Pieces p = {"Tcam Utilization\t|\t Segments\n", "bank\tentries\tgroups\t| open\tfull\tfree\ttotal\n",
+                "------------------------------------------------------\t\n"};
+    const fake::Stats *s[2] = {&b0, &b1};
+    for (int bank = 0; bank < 2; ++bank)
+        p.push_back(fmt("%d\t%u\t%u\t| %u\t%u\t%u\t%u\n", bank, s[bank]->entries, s[bank]->groups, s[bank]->open,
+                        s[bank]->full, s[bank]->free, s[bank]->total));
+    p.push_back("\n");
+    return p;
+}
+
+Pieces concat(Pieces a, const Pieces &b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+class Diag : public LibTest {
+protected:
+    void SetUp() override
+    {
+        LibTest::SetUp();
+        if (!sock.ok())
+            GTEST_SKIP() << "no socketpair on this host";
+    }
+    Sock sock;
+};
+
+/* ---- tcamwrap_lmt_dump ----------------------------------------------------------------- */
+
+TEST_F(Diag, FibLmtDumpIsExactlyTheDescribedPieces)
+{
+    orvex(FIB);
+    Table &t = table(0, FIB, 64);
+    t.map(0, 10);
+    t.map(5, 3);
+    const fake::Stats b0{1, 2, 3, 4, 5, 6}, b1{70, 80, 90, 100, 110, 120};
+    fake::set_stats(0, b0);
+    fake::set_stats(1, b1);
+    tbl_params p = params(0, FIB, 1, 0);
+    tcamwrap_lmt_dump(sock.fd(), &p);
+    Pieces want = {"Instance: 0 Tbl type: 3 LMT size: 64\n\n",
+                   "Loc\tSLoc\n",
+                   "------------\n",
+                   "   0\t   a\n",
+                   "   5\t   3\n",
+                   "\nNumber of entries: 2\n",
+                   "----------------------\n",
+                   "\n",
+                   "Tcam Utilization\t|\t Segments\n",
+                   "bank\tentries\tgroups\t| open\tfull\tfree\ttotal\n",
+                   "------------------------------------------------------\t\n",
+                   "0\t1\t2\t| 3\t4\t5\t6\n",
+                   "1\t70\t80\t| 90\t100\t110\t120\n",
+                   "\n"};
+    EXPECT_EQ(sock.pieces(), want);
+    auto st = fake::calls_of("orvex_tcam_get_stats");
+    ASSERT_EQ(st.size(), 2u);
+    EXPECT_EQ(st[0].a[0], 0u);
+    EXPECT_EQ(st[1].a[0], 1u);
+    EXPECT_EQ(st[0].p.tbl_type, FIB);
+}
+
+TEST_F(Diag, AclLmtDumpShowsTheHrrIndex)
+{
+    orvex(ACLI);
+    Table &t = table(1, ACLI, 128);
+    t.map(1, 0x21);
+    t.map(0x7f, 0x7e);
+    tbl_params p = params(1, ACLI, 1, 0);
+    tcamwrap_lmt_dump(sock.fd(), &p);
+    Pieces want = {"Instance: 1 Tbl type: 1 LMT size: 128\n\n",
+                   "Loc\tSLoc\t(HRR Index)\n",
+                   "---------------------------\n",
+                   "   1\t  21\t(  42)\n",
+                   "  7f\t  7e\t(  fc)\n",
+                   "\nNumber of entries: 2\n",
+                   "----------------------\n",
+                   "\n"};
+    EXPECT_EQ(sock.pieces(), concat(want, utilisation({}, {})));
+}
+
+TEST_F(Diag, EmptyLmtStillSendsTheFrame)
+{
+    orvex(ACLO);
+    table(0, ACLO, 8);
+    tbl_params p = params(0, ACLO, 1, 0);
+    tcamwrap_lmt_dump(sock.fd(), &p);
+    Pieces want = {"Instance: 0 Tbl type: 2 LMT size: 8\n\n", "Loc\tSLoc\t(HRR Index)\n", "---------------------------\n",
+                   "\nNumber of entries: 0\n", "----------------------\n", "\n"};
+    EXPECT_EQ(sock.pieces(), concat(want, utilisation({}, {})));
+}
+
+TEST_F(Diag, DumpsOfTablesThatAreNotThere)
+{
+    level(4);
+    orvex(ACLI);
+    table(0, ACLI, 8);
+    struct {
+        const char *name;
+        bool null_params;
+        uint8_t inst;
+        uint32_t tbl;
+        std::string lmt_text, tcam_text;
+    } cases[] = {
+        {"null params", true, 0, ACLI, "*** NULL params ***\n", "*** NULL params ***\n"},
+        {"tcam3 type", false, 0, FIB, "orvex tcam not present and hence LMT is not created\n",
+         "orvex tcam not present; this call is valid only for Orvex Logic Tcam\n"},
+        {"unmanaged instance", false, 1, ACLI, "*** This TCAM is not managed by tcamwrap library ***\n",
+         "*** This TCAM is not managed by tcamwrap library ***\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        fake::clear_traces();
+        tbl_params p = params(c.inst, c.tbl, 1, 0);
+        tcamwrap_lmt_dump(sock.fd(), c.null_params ? nullptr : &p);
+        tcamwrap_orvex_tcam_dump(sock.fd(), c.null_params ? nullptr : &p, 1);
+        EXPECT_EQ(fake::traces(), (std::vector<Trace>{{"tcamwrap_lmt_dump", c.lmt_text},
+                                                      {"tcamwrap_orvex_tcam_dump", c.tcam_text}}));
+        EXPECT_TRUE(sock.pieces().empty());
+        EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
+    }
+}
+
+/* ---- tcamwrap_orvex_tcam_dump ----------------------------------------------------------- */
+
+const std::string kFibRule(68, '-');
+const std::string kAclRule(74, '-');
+const std::string kFooterRule(77, '-');
+
+TEST_F(Diag, FibTcamDumpFromHardware)
+{
+    orvex(FIB);
+    table(0, FIB, 64);
+    fake::set_walk({{0x1f, {0x33333333, 0x22222222, 0x11}, {0xFFFFFFFF, 0xFFFFFFFF, 0xFF}, 72, 1, 3, 0x20},
+                    {0x2, {1, 2, 3}, {4, 5, 6}, 72, 0, 0x1c, 0xabcd}},
+                   0);
+    tbl_params p = params(0, FIB, 1, 0);
+    tcamwrap_orvex_tcam_dump(sock.fd(), &p, 7);
+    Pieces want = {"Instance: 0 Tbl type: 3 From HW\n\n",
+                   kFibRule + "\n#        loc       value               mask         bnk tbl priority\n" + kFibRule + "\n",
+                   "     1:    1f 112222222233333333 ffffffffffffffffff  1    3     20\n",
+                   "     2:     2 030000000200000001 060000000500000004  0   1c   abcd\n",
+                   kFooterRule + "\nTotal entries = 2\n"};
+    EXPECT_EQ(sock.pieces(), want);
+    auto d = fake::calls_of("orvex_tcam_dump_tables");
+    ASSERT_EQ(d.size(), 1u);
+    EXPECT_EQ(d[0].a[0], 1u);
+    EXPECT_EQ(d[0].a[1], uint64_t(reinterpret_cast<uintptr_t>(reinterpret_cast<void *>(&tcamwrap_cb_orvex_tcam_walk))));
+}
+
+TEST_F(Diag, AclTcamDumpFromSoftware)
+{
+    orvex(ACLO);
+    table(0, ACLO, 64);
+    fake::set_walk({{0x30, {1, 2, 3, 4, 0xbeef}, {5, 6, 7, 8, 0xf}, 144, 1, 2, 0x7}}, 0);
+    tbl_params p = params(0, ACLO, 1, 0);
+    tcamwrap_orvex_tcam_dump(sock.fd(), &p, 0);
+    Pieces want = {"Instance: 0 Tbl type: 2 From SW (only valid entries)\n\n",
+                   kAclRule + "\n#        loc            value/mask                        bnk tbl priority\n" + kAclRule + "\n",
+                   "     1:    30 value: beef00000004000000030000000200000001  1    2      7\n"
+                   "              mask:  000f00000008000000070000000600000005\n",
+                   kFooterRule + "\nTotal entries = 1\n"};
+    EXPECT_EQ(sock.pieces(), want);
+    EXPECT_EQ(fake::calls_of("orvex_tcam_dump_tables")[0].a[0], 0u);
+}
+
+TEST_F(Diag, WalkFailureStillSendsTheFooter)
+{
+    orvex(FIB);
+    table(0, FIB, 64);
+    level(2);
+    fake::set_walk({{5, {1, 2, 3}, {4, 5, 6}, 72, 0, 0, 0}}, -3);
+    tbl_params p = params(0, FIB, 1, 0);
+    tcamwrap_orvex_tcam_dump(sock.fd(), &p, 0);
+    Pieces got = sock.pieces();
+    ASSERT_EQ(got.size(), 4u);
+    EXPECT_EQ(got[3], kFooterRule + "\nTotal entries = 1\n");
+    EXPECT_EQ(fake::traces(),
+              (std::vector<Trace>{{"tcamwrap_orvex_tcam_dump",
+                                   "***  could not walk the tcam table to dump entries; orvex_tcam_dump_tables returned -3 ***\n"}}));
+}
+
+TEST_F(Diag, EmptyWalk)
+{
+    orvex(ACLI);
+    table(0, ACLI, 64);
+    tbl_params p = params(0, ACLI, 1, 0);
+    tcamwrap_orvex_tcam_dump(sock.fd(), &p, 1);
+    Pieces got = sock.pieces();
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[2], kFooterRule + "\nTotal entries = 0\n");
+}
+
+TEST_F(Diag, WalkCallbackRejectsANullHandle)
+{
+    level(3);
+    uint32_t w[5] = {};
+    errno = 0;
+    EXPECT_EQ(tcamwrap_cb_orvex_tcam_walk(nullptr, 1, w, w, 72, 0, 0, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{"tcamwrap_cb_orvex_tcam_walk",
+                                                   "*** Null handle passed to tcamwrap_cb_orvex_tcam_walk ***\n"}}));
+}
+
+/* ---- tcamwrap_parity_correction ------------------------------------------------------------ */
+
+/* The 53-byte record built field by field at its offsets, in host order. */
+Bytes record(uint32_t hdr, uint32_t status, uint32_t error, uint8_t inst, uint32_t tbl, uint32_t n,
+             const std::array<uint32_t, 8> &locs)
+{
+    Bytes b(53);
+    auto put = [&](size_t off, uint32_t v) { std::memcpy(b.data() + off, &v, 4); };
+    put(0, hdr);
+    put(4, status);
+    put(8, error);
+    b[12] = inst;
+    put(13, tbl);
+    put(17, n);
+    for (size_t i = 0; i < 8; ++i)
+        put(21 + 4 * i, locs[i]);
+    return b;
+}
+
+Bytes bytes_of(const tcamwrap_parity_msg &m)
+{
+    const auto *p = reinterpret_cast<const uint8_t *>(&m);
+    return Bytes(p, p + sizeof m);
+}
+
+tcamwrap_parity_msg msg_of(const Bytes &b)
+{
+    tcamwrap_parity_msg m;
+    std::memcpy(&m, b.data(), sizeof m);
+    return m;
+}
+
+const std::array<uint32_t, 8> kLocs = {0x10, 0x20, 0x30, 0x44, 0x55, 0x66, 0x77, 0x88};
+
+int tcam3_fn_calls = 0;
+tcamwrap_parity_msg *tcam3_seen[2];
+int tcam3_fn(tcamwrap_parity_msg *req, tcamwrap_parity_msg *reply)
+{
+    ++tcam3_fn_calls;
+    tcam3_seen[0] = req;
+    tcam3_seen[1] = reply;
+    reply->status = 0x5A5A5A5A;
+    return -5;
+}
+
+class Parity : public LibTest {};
+
+TEST_F(Parity, FailedRepairReply)
+{
+    orvex(FIB);
+    tcamwrap_gl_db.fac_num = 0xABCD;
+    level(7);
+    fake::set_fix_result({-1, 0x1234, {0x20, 0x30}});
+    tcamwrap_parity_msg req = msg_of(record(0xDEADBEEF, 77, 88, 1, FIB, 3, kLocs));
+    tcamwrap_parity_msg reply;
+    std::memset(&reply, 0xCC, sizeof reply);
+
+    const uint32_t code = 0x80000000u | ((0xABCDu << 13) & 0x0FFF0000u) | (0x1234u & 0x0FFFu);
+    ASSERT_EQ(code, 0x85790234u);
+    EXPECT_EQ(tcamwrap_parity_correction(&req, &reply, tcam3_fn), int32_t(code));
+    EXPECT_EQ(bytes_of(reply), record(0xDEADBEEF, 1, code, 1, FIB, 2, {0x20, 0x30, 0, 0x44, 0x55, 0x66, 0x77, 0x88}));
+    EXPECT_EQ(bytes_of(req), record(0xDEADBEEF, 77, 88, 1, FIB, 3, kLocs));   /* the request is not touched */
+    EXPECT_EQ(tcam3_fn_calls, 0);
+
+    auto fix = fake::calls_of("orvex_tcam_fix_scan_errors");
+    ASSERT_EQ(fix.size(), 1u);
+    EXPECT_EQ(fix[0].p.inst, 1);
+    EXPECT_EQ(fix[0].p.tbl_type, FIB);
+    EXPECT_EQ(fix[0].p.num_entries, 0u);
+    EXPECT_EQ(fix[0].p.start_addr, 0u);
+    EXPECT_EQ(fix[0].p.opaque, 0u);
+    EXPECT_EQ(fix[0].a[0], 3u);
+    uint32_t first3[3] = {0x10, 0x20, 0x30};
+    EXPECT_EQ(fake::key_str(fix[0].in[0]), words_image(first3, 3));
+    /* The failure reason is the text of the failure code (a fired trace may
+     * evaluate its arguments once per sink). */
+    auto e2s = fake::calls_of("errcode2str");
+    ASSERT_FALSE(e2s.empty());
+    for (const fake::Call &c : e2s)
+        EXPECT_EQ(c.a[0], code);
+
+    std::vector<std::string> want = {"tcamwrap_parity_correction: inst: 1 tbl_type: 3 num_entries: 3\n",
+                                     "location 1: 0x10(16)\n",
+                                     "location 2: 0x20(32)\n",
+                                     "location 3: 0x30(48)\n",
+                                     "calling orvex library api..\n",
+                                     "num_unfixed_entries: 2 failure_reason: kvs error " + std::to_string(int32_t(code)) + "\n",
+                                     "failed location 1: 0x20(32)\n",
+                                     "failed location 2: 0x30(48)\n"};
+    EXPECT_EQ(texts(fake::traces_of("tcamwrap_parity_correction")), want) << dump_traces();
+}
+
+TEST_F(Parity, SuccessfulRepairReply)
+{
+    orvex(ACLI);
+    tcamwrap_parity_msg req = msg_of(record(1, 2, 3, 0, ACLI, 4, kLocs));
+    tcamwrap_parity_msg reply;
+    std::memset(&reply, 0xCC, sizeof reply);
+    EXPECT_EQ(tcamwrap_parity_correction(&req, &reply, tcam3_fn), 0);
+    EXPECT_EQ(bytes_of(reply), record(1, 0, 0, 0, ACLI, 0, {0, 0, 0, 0, 0x55, 0x66, 0x77, 0x88}));
+}
+
+TEST_F(Parity, NoLocationsStillAsksTheEngine)
+{
+    orvex(ACLO);
+    tcamwrap_parity_msg req = msg_of(record(1, 2, 3, 1, ACLO, 0, kLocs));
+    tcamwrap_parity_msg reply{};
+    EXPECT_EQ(tcamwrap_parity_correction(&req, &reply, tcam3_fn), 0);
+    auto fix = fake::calls_of("orvex_tcam_fix_scan_errors");
+    ASSERT_EQ(fix.size(), 1u);
+    EXPECT_EQ(fix[0].a[0], 0u);
+    EXPECT_EQ(bytes_of(reply), record(1, 0, 0, 1, ACLO, 0, kLocs));
+}
+
+TEST_F(Parity, CountAboveEightIsClamped)
+{
+    orvex(FIB);
+    tcamwrap_parity_msg req = msg_of(record(1, 2, 3, 0, FIB, 200, kLocs));
+    tcamwrap_parity_msg reply{};
+    EXPECT_EQ(tcamwrap_parity_correction(&req, &reply, tcam3_fn), 0);
+    auto fix = fake::calls_of("orvex_tcam_fix_scan_errors");
+    ASSERT_EQ(fix.size(), 1u);
+    EXPECT_EQ(fix[0].a[0], 8u);
+    EXPECT_EQ(fake::key_str(fix[0].in[0]), words_image(kLocs.data(), 8));
+    EXPECT_EQ(reply.num_entries, 0u);
+}
+
+TEST_F(Parity, Tcam3GoesToTheCallersFunction)
+{
+    orvex(FIB, false);
+    tcam3_fn_calls = 0;
+    tcamwrap_parity_msg req = msg_of(record(1, 2, 3, 0, FIB, 2, kLocs));
+    tcamwrap_parity_msg reply;
+    std::memset(&reply, 0xCC, sizeof reply);
+    level(7);
+    EXPECT_EQ(tcamwrap_parity_correction(&req, &reply, tcam3_fn), 0);
+    EXPECT_EQ(tcam3_fn_calls, 1);
+    EXPECT_EQ(tcam3_seen[0], &req);
+    EXPECT_EQ(tcam3_seen[1], &reply);
+    Bytes want(53, 0xCC);
+    uint32_t status = 0x5A5A5A5A;
+    std::memcpy(want.data() + 4, &status, 4);
+    EXPECT_EQ(bytes_of(reply), want);
+    EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
+    EXPECT_EQ(texts(fake::traces_of("tcamwrap_parity_correction")),
+              (std::vector<std::string>{"tcamwrap_parity_correction: inst: 0 tbl_type: 3 num_entries: 2\n",
+                                        "calling tcam3 callback..\n"}));
+}
+
+}  // namespace
+}  // namespace tw

@@ -1,0 +1,213 @@
+/*
+ * test_support.h - what every unit test of libtcamwrap shares: a fixture that
+ * resets the fake platform and the library's global state, tables built
+ * directly in tcamwrap_gl_db, card start-up through tcamwrap_init, and small
+ * byte helpers.
+ */
+#ifndef TCAMWRAP_TEST_SUPPORT_H
+#define TCAMWRAP_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fake_platform.h"
+#include "tcamwrap_api.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace tw {
+
+using fake::Bytes;
+using fake::Trace;
+
+constexpr uint32_t INV = 0xFFFFFFFFu;
+constexpr uint32_t ACLI = TCAMWRAP_TBL_ACLI;
+constexpr uint32_t ACLO = TCAMWRAP_TBL_ACLO;
+constexpr uint32_t FIB = TCAMWRAP_TBL_FIB;
+
+inline std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
+inline std::string fmt(const char *f, ...)
+{
+    va_list ap;
+    va_start(ap, f);
+    char buf[2048];
+    std::vsnprintf(buf, sizeof buf, f, ap);
+    va_end(ap);
+    return buf;
+}
+
+inline std::string err_text(int e) { return std::strerror(e); }
+
+/* A message text with its one "%s" replaced by an error text. */
+inline std::string with_error(std::string text, const std::string &error)
+{
+    size_t at = text.find("%s");
+    if (at != std::string::npos)
+        text.replace(at, 2, error);
+    return text;
+}
+
+/* The library keeps its tables for the life of the process and a new start
+ * (or a test's reset of the database) drops them without freeing: tell the
+ * leak checker that they are kept on purpose. Their maps are reached through
+ * them. */
+inline void keep_library_tables()
+{
+#if defined(__SANITIZE_ADDRESS__)
+    for (auto &per_inst : tcamwrap_gl_db.tcam_info)
+        for (tcam_info *ti : per_inst)
+            if (ti)
+                __lsan_ignore_object(ti);
+#endif
+}
+
+/* A table the test owns, hung into tcamwrap_gl_db.tcam_info[inst][tbl]. */
+struct Table {
+    tcam_info info{};
+    std::vector<uint32_t> lmt, rlmt;
+    std::vector<uint8_t> sloc_valid;
+
+    Table(uint8_t inst, uint32_t tbl, uint32_t size, bool with_sloc_valid = false)
+        : lmt(size, INV), rlmt(size, INV), sloc_valid(size, 0)
+    {
+        info.lmt_sz = size;
+        info.lmt = lmt.data();
+        info.rlmt = rlmt.data();
+        info.sloc_valid = with_sloc_valid ? sloc_valid.data() : nullptr;
+        info.cb_handle.inst = inst;
+        info.cb_handle.tbl_type = tbl;
+        tcamwrap_gl_db.tcam_info[inst][tbl] = &info;
+    }
+    void map(uint32_t loc, uint32_t sloc)
+    {
+        lmt[loc] = sloc;
+        rlmt[sloc] = loc;
+    }
+    tcamwrap_cb_handle *handle() { return &info.cb_handle; }
+};
+
+/* Every test starts from an empty platform and a zeroed library. */
+class LibTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake::reset();
+        keep_library_tables();
+        std::memset(&tcamwrap_gl_db, 0, sizeof tcamwrap_gl_db);
+        std::memset(tcamwrap_hist_str, 0, sizeof tcamwrap_hist_str);
+        errno = 0;
+    }
+    void TearDown() override
+    {
+        /* Tables owned by the test die with it: nothing may point at them. */
+        keep_library_tables();
+        std::memset(&tcamwrap_gl_db, 0, sizeof tcamwrap_gl_db);
+    }
+
+    static void level(uint32_t l) { tcamwrap_gl_db.debug_level = l; }
+
+    /* Mark table types as Orvex (1) or tcam3 (0). */
+    static void orvex(uint32_t tbl, bool on = true) { tcamwrap_gl_db.is_orvex[tbl] = on ? 1 : 0; }
+
+    Table &table(uint8_t inst, uint32_t tbl, uint32_t size, bool with_sloc_valid = false)
+    {
+        tables_.push_back(std::make_unique<Table>(inst, tbl, size, with_sloc_valid));
+        return *tables_.back();
+    }
+
+    std::vector<std::unique_ptr<Table>> tables_;
+};
+
+/* The store key prefix used by every test that starts the library. */
+inline const std::string &prefix_str()
+{
+    static const std::string p = "tcw/";
+    return p;
+}
+
+/* Start the library on the fake card (fake::card() describes it). */
+inline int start(const std::vector<int32_t> &types, uint32_t init_type, uint32_t level,
+                 uint32_t elem = 0, uint32_t fac = 0x15)
+{
+    static std::string prefix_bytes;
+    static kvs_buf prefix;
+    prefix_bytes = prefix_str();
+    prefix.data = reinterpret_cast<uint8_t *>(prefix_bytes.data());
+    prefix.len = uint32_t(prefix_bytes.size());
+    keep_library_tables();
+    return tcamwrap_init(types.data(), uint32_t(types.size()), 0x51, &prefix, init_type, elem,
+                         level, fac);
+}
+
+inline tcam_info *info(unsigned inst, uint32_t tbl) { return tcamwrap_gl_db.tcam_info[inst][tbl]; }
+
+inline tbl_params params(uint8_t inst, uint32_t tbl, uint32_t n, uint32_t start, uint32_t opaque = 0)
+{
+    tbl_params p{};
+    p.inst = inst;
+    p.tbl_type = tbl;
+    p.num_entries = n;
+    p.start_addr = start;
+    p.opaque = opaque;
+    return p;
+}
+
+/* A distinct key of the table's width, derived from seed. */
+inline Bytes make_key(uint32_t tbl, uint32_t seed)
+{
+    Bytes k(fake::key_bytes(tbl));
+    for (size_t i = 0; i < k.size(); ++i)
+        k[i] = uint8_t(seed * 31u + i * 7u + (seed >> 8));
+    return k;
+}
+
+inline Bytes make_word(uint32_t seed)
+{
+    return Bytes{uint8_t(seed), uint8_t(seed >> 8), uint8_t(0xA0 ^ seed), uint8_t(seed * 3), 0x5C};
+}
+
+inline Bytes ff(size_t n) { return Bytes(n, 0xFF); }
+
+/* Host-order memory image of u32 words, as the library stores them. */
+inline std::string words_image(const uint32_t *w, size_t n)
+{
+    return std::string(reinterpret_cast<const char *>(w), n * 4);
+}
+
+inline std::vector<std::string> texts(const std::vector<Trace> &t)
+{
+    std::vector<std::string> out;
+    for (const Trace &x : t)
+        out.push_back(x.text);
+    return out;
+}
+
+/* Whether a trace with exactly this function name and text fired. */
+inline bool traced(const std::string &func, const std::string &text)
+{
+    for (const Trace &t : fake::traces())
+        if (t.func == func && t.text == text)
+            return true;
+    return false;
+}
+
+inline std::string dump_traces()
+{
+    std::string s;
+    for (const Trace &t : fake::traces())
+        s += t.func + ": " + t.text + (t.text.empty() || t.text.back() != '\n' ? "\n" : "");
+    return s;
+}
+
+}  // namespace tw
+
+#endif /* TCAMWRAP_TEST_SUPPORT_H */
