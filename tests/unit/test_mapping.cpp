@@ -251,6 +251,22 @@ TEST_F(Mapping, JournalOfAnotherTableIsNotRead)
         }
 }
 
+TEST_F(Mapping, SecondJournalStoreReplacesTheFirst)
+{
+    tcam_info *ti = fresh(FIB, 64);
+    add(ti, 5, 9);
+    add(ti, 6, 10);
+    prepare(&ti->cb_handle, 5, TCAMWRAP_OPER_OVERWRITE, 1, make_word(4));
+    cam(&ti->cb_handle, TCAMWRAP_CB_PRE_ADD, INV, 11);
+    prepare(&ti->cb_handle, 6, TCAMWRAP_OPER_OVERWRITE, 1, make_word(4));
+    cam(&ti->cb_handle, TCAMWRAP_CB_PRE_ADD, INV, 12);
+    EXPECT_EQ(fake::store()[journal_key(0, 3)], journal_value(6, 10, 12));
+    size_t journals = 0;
+    for (const auto &kv : fake::store())
+        journals += kv.first.size() == prefix_str().size() + 4 && kv.first[prefix_str().size()] == 3;
+    EXPECT_EQ(journals, 1u);
+}
+
 /* ---- camindex: codes and oper checks ----------------------------------------------- */
 
 TEST_F(Mapping, CamindexRejectsBadHandles)
@@ -339,6 +355,40 @@ TEST_F(Mapping, PostDelByOper)
         EXPECT_EQ(c.unexpected != nullptr, c.unexpected && traced("tcamwrap_lmt_post_del", c.unexpected))
             << dump_traces();
     }
+}
+
+TEST_F(Mapping, PreAddWithAnUnexpectedOperStillWritesTheResults)
+{
+    tcam_info *ti = fresh(FIB, 64);
+    prepare(&ti->cb_handle, 5, TCAMWRAP_OPER_DELETE, 1, make_word(6));
+    EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_PRE_ADD, INV, 9), 0);
+    EXPECT_TRUE(traced("tcamwrap_lmt_pre_add", "*** PRE_ADD is called with unexpected oper: 2 ***\n")) << dump_traces();
+    EXPECT_EQ(ti->lmt[5], INV);
+    EXPECT_EQ(ti->rlmt[9], INV);
+    EXPECT_TRUE(fake::calls_with_prefix("kvs_").empty());
+    EXPECT_EQ(fake::ssram(0, FIB, 9), make_word(6));
+}
+
+TEST_F(Mapping, CallbacksOfATableWithoutTcamInfo)
+{
+    /* A handle of a table the library does not manage: the LMT work fails
+     * (assertion), the result memories are still written. */
+    level(3);
+    tcamwrap_cb_handle h{};
+    h.inst = 1;
+    h.tbl_type = ACLO;
+    h.loc = 3;
+    h.oper = TCAMWRAP_OPER_ADD;
+    h.acl_prio = 1;
+    Bytes w = make_word(8);
+    std::memcpy(h.ssram_data, w.data(), 5);
+    EXPECT_EQ(cam(&h, TCAMWRAP_CB_PRE_ADD, INV, 4), 0);
+    EXPECT_EQ(fake::ssram(1, ACLO, 4), w);
+    h.oper = TCAMWRAP_OPER_DELETE;
+    EXPECT_EQ(cam(&h, TCAMWRAP_CB_POST_DEL, 4, INV), 0);
+    h.oper = TCAMWRAP_OPER_MOVE;
+    EXPECT_EQ(cam(&h, TCAMWRAP_CB_POST_MOVE, 4, 5), 0);
+    EXPECT_TRUE(fake::calls_with_prefix("kvs_").empty());
 }
 
 /* ---- moves ----------------------------------------------------------------------- */

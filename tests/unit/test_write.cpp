@@ -212,6 +212,21 @@ TEST_F(Write, AllInstancesEntryByEntry)
     }
 }
 
+TEST_F(Write, AllInstancesOnACardOfOneInstance)
+{
+    boot({3}, 1);
+    Batch b(FIB, 1, 3);
+    ASSERT_EQ(b.write(params(254, FIB, 1, 4)), 0);
+    auto ins = fake::calls_of("orvex_tcam_insert_entry");
+    ASSERT_EQ(ins.size(), 1u);
+    EXPECT_EQ(ins[0].p.inst, 0);
+    tbl_params p = params(254, FIB, 1, 4);
+    ASSERT_EQ(tcamwrap_fwd_tcam_delete(&p), 0);
+    auto del = fake::calls_of("orvex_tcam_delete_entry");
+    ASSERT_EQ(del.size(), 1u);
+    EXPECT_EQ(del[0].p.inst, 0);
+}
+
 TEST_F(Write, AcliResultMemoriesAndTheValidateCallback)
 {
     boot({1});
