@@ -78,12 +78,9 @@ void tcamwrap_print_camindex_cb_type(uint32_t op, uint32_t old_sloc, uint32_t ne
 void tcamwrap_lmt_pre_add(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint32_t oper,
                           uint32_t new_sloc)
 {
-    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
-    TCAMWRAP_ASSERT(info != nullptr, __func__, 753);
-    if (info == nullptr) {
-        tcamwrap_saved_errno = EINVAL;
+    tcam_info *info = tcamwrap_require_table(inst, tbl_type, __func__, 753);
+    if (info == nullptr)
         return;
-    }
     TCAMWRAP_TRACE(7, "PRE_ADD: LMT<%d %d>: oper: %d loc 0x%x --> sloc 0x%x\n", inst, tbl_type,
                    oper, loc, new_sloc);
     if (oper == TCAMWRAP_OPER_ADD) {
@@ -103,12 +100,9 @@ void tcamwrap_lmt_pre_add(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint32_
 int tcamwrap_lmt_post_move(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint32_t old_sloc,
                            uint32_t new_sloc, uint32_t oper)
 {
-    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
-    TCAMWRAP_ASSERT(info != nullptr, __func__, 828);
-    if (info == nullptr) {
-        tcamwrap_saved_errno = EINVAL;
+    tcam_info *info = tcamwrap_require_table(inst, tbl_type, __func__, 828);
+    if (info == nullptr)
         return -1;
-    }
     TCAMWRAP_TRACE(7, "POST_MOVE: LMT<%d %d>: oper: %d loc 0x%x --> new_sloc 0x%x\n", inst,
                    tbl_type, oper, loc, new_sloc);
     if (oper != TCAMWRAP_OPER_MOVE) {
@@ -157,12 +151,9 @@ int tcamwrap_lmt_post_del_overwrite(tcam_info *info, uint8_t inst, uint32_t tbl_
 
 int tcamwrap_lmt_post_del(uint8_t inst, uint32_t tbl_type, uint32_t old_sloc, uint32_t oper)
 {
-    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
-    TCAMWRAP_ASSERT(info != nullptr, __func__, 896);
-    if (info == nullptr) {
-        tcamwrap_saved_errno = EINVAL;
+    tcam_info *info = tcamwrap_require_table(inst, tbl_type, __func__, 896);
+    if (info == nullptr)
         return -1;
-    }
     switch (oper) {
     case TCAMWRAP_OPER_DELETE: {
         const uint32_t loc = tcamwrap_rlmt_at(info, old_sloc);

@@ -137,6 +137,16 @@ void tcamwrap_assert_report(const char *func, int line)
 
 /* ---- table checks ------------------------------------------------------------- */
 
+tcam_info *tcamwrap_require_table(uint8_t inst, uint32_t tbl_type, const char *func, int line)
+{
+    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
+    if (info == nullptr) {
+        tcamwrap_assert_report(func, line);
+        tcamwrap_saved_errno = EINVAL;
+    }
+    return info;
+}
+
 int tcamwrap_validate_tbl_type(uint32_t tbl_type)
 {
     if (tbl_type - 1 < 3)
@@ -328,12 +338,9 @@ int tcamwrap_check_for_orvex_tcam(void)
 /* Allocate the maps of one table, all unused. */
 int tcamwrap_lmt_init(uint8_t inst, uint32_t tbl_type, uint32_t lmt_sz, bool restore)
 {
-    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
-    TCAMWRAP_ASSERT(info != nullptr, __func__, 330);
-    if (info == nullptr) {
-        tcamwrap_saved_errno = EINVAL;
+    tcam_info *info = tcamwrap_require_table(inst, tbl_type, __func__, 330);
+    if (info == nullptr)
         return -1;
-    }
     info->lmt = static_cast<uint32_t *>(malloc(sizeof(uint32_t) * (size_t)lmt_sz));
     info->rlmt = static_cast<uint32_t *>(malloc(sizeof(uint32_t) * (size_t)lmt_sz));
     info->sloc_valid = nullptr;

@@ -95,6 +95,11 @@ inline tcam_info *tcamwrap_tcam_info(uint32_t inst, uint32_t tbl_type)
     return tcamwrap_gl_db.tcam_info[inst][tbl_type];
 }
 
+/* The table of (inst, tbl_type) for code that cannot work without one: when it
+ * is missing, the assertion (func, line) is reported and the saved error word
+ * becomes EINVAL. */
+tcam_info *tcamwrap_require_table(uint8_t inst, uint32_t tbl_type, const char *func, int line);
+
 /* Kind of a table type; 0 (tcam3) for types outside the flag array. */
 inline bool tcamwrap_tbl_is_orvex(uint32_t tbl_type)
 {

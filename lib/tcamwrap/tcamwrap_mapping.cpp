@@ -57,6 +57,36 @@ uint32_t tcamwrap_segment_words(uint32_t lmt_sz, uint32_t seg)
     return left < TCAMWRAP_SEG_ENTRIES ? left : TCAMWRAP_SEG_ENTRIES;
 }
 
+/* Walk the stored records {type, inst, tbl_type, *} of one table from the
+ * first on: found(last byte) announces a record, take(last byte, value) gets
+ * the value read at the cursor. The walk ends at a record of anything else, at
+ * the end of the store, or at a read error (traced under func). A failed seek
+ * reads as no record. */
+template <typename Found, typename Take>
+void tcamwrap_kvs_walk_table(const char *func, uint8_t type, uint8_t inst, uint32_t tbl_type,
+                             Found found, Take take)
+{
+    int err = 0;
+    kvs_buf *key = tcamwrap_kvs_build_key(type, inst, tbl_type, 0);
+    kvs_buf *cursor = kvs_move2key(tcamwrap_gl_db.kvs_handle, key, &err);
+    err = 0;
+    while (cursor != nullptr) {
+        if (!tcamwrap_kvs_record_is(cursor, type, inst, tbl_type))
+            return;
+        const uint8_t last = tcamwrap_kvs_record_bytes(cursor)[3];
+        found(last);
+        const kvs_buf *value = kvs_getvalue(tcamwrap_gl_db.kvs_handle, &err);
+        if (err != 0 || value == nullptr) {
+            TCAMWRAP_TRACE_AS(func, 3, "*** kvs_getvalue() failed: %s ***\n", errcode2str(err));
+            return;
+        }
+        take(last, *value);
+        cursor = kvs_move2location(tcamwrap_gl_db.kvs_handle, KVS_MOVE_NEXT, &err);
+        if (err != 0)
+            return;
+    }
+}
+
 /* Copy one restored segment into the LMT and claim its slocs in the RLMT. */
 void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *info,
                                   uint32_t seg, const kvs_buf *value)
@@ -102,12 +132,9 @@ void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *in
 
 int tcamwrap_kvs_store_lmt_segment(uint8_t inst, uint32_t tbl_type, uint32_t loc)
 {
-    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
-    TCAMWRAP_ASSERT(info != nullptr, __func__, 395);
-    if (info == nullptr) {
-        tcamwrap_saved_errno = EINVAL;
+    tcam_info *info = tcamwrap_require_table(inst, tbl_type, __func__, 395);
+    if (info == nullptr)
         return -1;
-    }
     const uint32_t seg = (loc >> TCAMWRAP_SEG_SHIFT) & 0xFF;
     kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type, (uint8_t)seg);
     kvs_buf value = {reinterpret_cast<uint8_t *>(info->lmt + seg * TCAMWRAP_SEG_ENTRIES),
@@ -131,27 +158,17 @@ int tcamwrap_lmt_restore(uint8_t inst, uint32_t tbl_type)
     if (info == nullptr)
         return 0;
     TCAMWRAP_TRACE(7, "restoring LMT<%d %d> from kvs..\n", inst, tbl_type);
-
-    int err = 0;
-    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type, 0);
-    kvs_buf *cursor = kvs_move2key(tcamwrap_gl_db.kvs_handle, key, &err);
-    err = 0;
-    while (cursor != nullptr) {
-        if (!tcamwrap_kvs_record_is(cursor, TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type))
-            return 0;
-        const uint32_t seg = tcamwrap_kvs_record_bytes(cursor)[3];
-        TCAMWRAP_TRACE(7, "restored LMT segment<%d %d>: %d\n", inst, tbl_type, seg);
-        const kvs_buf *value = kvs_getvalue(tcamwrap_gl_db.kvs_handle, &err);
-        if (err != 0 || value == nullptr) {
-            TCAMWRAP_TRACE(3, "*** kvs_getvalue() failed: %s ***\n", errcode2str(err));
-            return 0;
-        }
-        TCAMWRAP_TRACE(7, "restored kvs segment size: %d\n", value->len);
-        tcamwrap_lmt_restore_segment(inst, tbl_type, info, seg, value);
-        cursor = kvs_move2location(tcamwrap_gl_db.kvs_handle, KVS_MOVE_NEXT, &err);
-        if (err != 0)
-            return 0;
-    }
+    tcamwrap_kvs_walk_table(
+        "tcamwrap_lmt_restore", TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type,
+        [&](uint8_t seg) {
+            TCAMWRAP_TRACE_AS("tcamwrap_lmt_restore", 7, "restored LMT segment<%d %d>: %d\n", inst,
+                              tbl_type, seg);
+        },
+        [&](uint8_t seg, const kvs_buf &value) {
+            TCAMWRAP_TRACE_AS("tcamwrap_lmt_restore", 7, "restored kvs segment size: %d\n",
+                              value.len);
+            tcamwrap_lmt_restore_segment(inst, tbl_type, info, seg, &value);
+        });
     return 0;
 }
 
@@ -201,32 +218,25 @@ int tcamwrap_ha_overwrite_restore(uint8_t inst, uint32_t tbl_type, uint32_t *rec
     record[0] = record[1] = record[2] = TCAMWRAP_INVALID_LOC;
     TCAMWRAP_TRACE(7, "restoring overwrite <%d %d> info from kvs..\n", inst, tbl_type);
 
-    int err = 0;
-    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_OVERWRITE, inst, tbl_type, 0);
-    kvs_buf *cursor = kvs_move2key(tcamwrap_gl_db.kvs_handle, key, &err);
-    err = 0;
-    while (cursor != nullptr) {
-        if (!tcamwrap_kvs_record_is(cursor, TCAMWRAP_REC_OVERWRITE, inst, tbl_type))
-            return 0;
-        TCAMWRAP_TRACE(7, "restored overwrite info <%d %d>\n", inst, tbl_type);
-        const kvs_buf *value = kvs_getvalue(tcamwrap_gl_db.kvs_handle, &err);
-        if (err != 0 || value == nullptr) {
-            TCAMWRAP_TRACE(3, "*** kvs_getvalue() failed: %s ***\n", errcode2str(err));
-            return 0;
-        }
-        TCAMWRAP_ASSERT(value->len == 3 * sizeof(uint32_t), __func__, 694);
-        /* A short value fills only the words it has. */
-        const uint32_t bytes = value->len < 3 * sizeof(uint32_t) ? value->len
-                                                                 : 3 * sizeof(uint32_t);
-        if (bytes != 0 && value->data != nullptr)
-            memcpy(record, value->data, bytes);
-        TCAMWRAP_TRACE(7, "restored loc 0x%x old_sloc 0x%x new_sloc 0x%x\n",
-                       record[TCAMWRAP_OW_LOC], record[TCAMWRAP_OW_OLD_SLOC],
-                       record[TCAMWRAP_OW_NEW_SLOC]);
-        cursor = kvs_move2location(tcamwrap_gl_db.kvs_handle, KVS_MOVE_NEXT, &err);
-        if (err != 0)
-            return 0;
-    }
+    tcamwrap_kvs_walk_table(
+        "tcamwrap_ha_overwrite_restore", TCAMWRAP_REC_OVERWRITE, inst, tbl_type,
+        [&](uint8_t) {
+            TCAMWRAP_TRACE_AS("tcamwrap_ha_overwrite_restore", 7,
+                              "restored overwrite info <%d %d>\n", inst, tbl_type);
+        },
+        [&](uint8_t, const kvs_buf &value) {
+            TCAMWRAP_ASSERT(value.len == 3 * sizeof(uint32_t), "tcamwrap_ha_overwrite_restore",
+                            694);
+            /* A short value fills only the words it has. */
+            const uint32_t bytes =
+                value.len < 3 * sizeof(uint32_t) ? value.len : 3 * sizeof(uint32_t);
+            if (bytes != 0 && value.data != nullptr)
+                memcpy(record, value.data, bytes);
+            TCAMWRAP_TRACE_AS("tcamwrap_ha_overwrite_restore", 7,
+                              "restored loc 0x%x old_sloc 0x%x new_sloc 0x%x\n",
+                              record[TCAMWRAP_OW_LOC], record[TCAMWRAP_OW_OLD_SLOC],
+                              record[TCAMWRAP_OW_NEW_SLOC]);
+        });
     return 0;
 }
 
