@@ -1,0 +1,64 @@
+/*
+ * sim_card.h - simulator-only calls: the card's state directory, its profile,
+ * and counters of platform calls. Tools, tests and benchmarks use these; the
+ * library never does.
+ *
+ * State directory: $TCAMWRAP_SIM_STATE, default "./tcamwrap-sim-state", made
+ * absolute and created on first use. It holds the saved profile ("profile"), the
+ * hardware image ("hw.img") and the key/value store ("kvs/"). Deleting the
+ * directory resets the card.
+ *
+ * Profile: $TCAMWRAP_SIM_PROFILE names a file, or is itself the profile text:
+ *   insts=2,fib=131072,acli=8192,aclo=8192,fib_kind=orvex,acli_kind=orvex,aclo_kind=orvex
+ * (',' or new lines between settings, '#' starts a comment; omitted settings keep
+ * the defaults shown). It is read only when the card is created; afterwards the
+ * profile saved in the state directory rules.
+ *
+ * Every call here is for one thread at a time, like the platform calls.
+ */
+#ifndef TCAMWRAP_SIM_CARD_H
+#define TCAMWRAP_SIM_CARD_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define SIM_STATE_ENV   "TCAMWRAP_SIM_STATE"
+#define SIM_PROFILE_ENV "TCAMWRAP_SIM_PROFILE"
+#define SIM_STATE_DEFAULT "./tcamwrap-sim-state"
+
+/* Absolute path of the state directory, created when missing; NULL (errno set)
+ * when it cannot be created. The text stays valid until sim_card_close(). */
+const char *sim_state_dir(void);
+
+/* Open (creating from the profile when new) the card now; 0, or -1 with errno
+ * (EINVAL: bad profile or a damaged image; other: file system errors). Every
+ * other call opens the card on first use, so this is only needed to see the
+ * error early. */
+int sim_card_open(void);
+
+/* Forget the card and the state directory of this process (unmaps the image).
+ * The next call reads TCAMWRAP_SIM_STATE and TCAMWRAP_SIM_PROFILE again: tests
+ * use this to switch to a fresh directory. The hardware content stays in the
+ * image file. */
+void sim_card_close(void);
+
+/* The profile in effect, as text in the profile syntax; 0, or -1 with errno. */
+int sim_card_profile_text(char *buf, uint32_t size);
+
+/* Platform-call counters: every call that passes sim_fault_should_fail() counts
+ * under its name. They are per process and never reset by sim_fault_set(). */
+uint64_t sim_calls_get(const char *function);   /* 0 for a name never called */
+uint64_t sim_calls_total(void);
+void     sim_calls_reset(void);
+/* Calls fn once per counted name, in name order. */
+void     sim_calls_foreach(void (*fn)(const char *function, uint64_t calls, void *ctx),
+                           void *ctx);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
