@@ -1,0 +1,969 @@
+// demo.cpp - 'tcamwrap-sim demo': a line card's tables programmed, the client
+// process killed in the middle of an overwrite storm, a warm restart, and every
+// entry and every forwarding lookup checked.
+//
+// The parent process never starts the library: each client is a child of it, so
+// each starts with the library's globals of a new process, as a restarted client
+// process does. The parent plans every operation from one seed and keeps the
+// model of what every loc must hold; the children do the work and report through
+// a shared memory page.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <random>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "audit.hpp"
+#include "commands.hpp"
+#include "orvex_sim.h"
+#include "routes.hpp"
+#include "sim_card.h"
+#include "sim_fault.h"
+#include "sim_hw.h"
+
+namespace tcamwrap::cli
+{
+
+namespace
+{
+
+constexpr uint32_t kDemoInsts = 2;
+constexpr int kCrashExit = 137;   // how the fault injector ends a process
+constexpr int kStormFinished = 3; // the storm ran out before the crash point
+constexpr uint32_t kListedErrors = 10;
+constexpr uint32_t kTables[] = {TCAMWRAP_TBL_FIB, TCAMWRAP_TBL_ACLI, TCAMWRAP_TBL_ACLO};
+
+// What one loc of one table holds (on every instance, outside the crash).
+struct Entry {
+    bool used = false;
+    uint8_t acl_prio = 1;
+    uint16_t prio = 0;
+    std::array<uint8_t, TCAMWRAP_ACL_KEY_BYTES> key{};
+    ResultWord result{};
+};
+
+using TableModel = std::vector<Entry>; // by loc
+
+struct Model {
+    TableModel tables[4]; // by tbl_type
+    TableModel &operator[](uint32_t tbl) { return tables[tbl]; }
+    const TableModel &operator[](uint32_t tbl) const { return tables[tbl]; }
+};
+
+struct LocWrite {
+    uint32_t tbl_type;
+    uint32_t loc;
+    Entry entry;
+};
+
+struct Plan {
+    uint64_t seed = 0;
+    std::vector<Entry> load[4];                             // entry i at spread_loc(i)
+    std::vector<std::pair<uint32_t, ResultWord>> next_hops; // FIB loc, new word
+    std::vector<LocWrite> moves;                            // FIB overwrites with new routes
+    std::vector<std::pair<uint32_t, uint32_t>> deletes;     // tbl_type, loc
+    std::vector<LocWrite> storm;
+    Model after_program;
+    std::string crash_point;
+    uint64_t crash_nth = 0;
+};
+
+// Fixed-size text in the shared page.
+template <std::size_t N>
+struct Text {
+    char s[N];
+    void append(const char *fmt, ...) __attribute__((format(printf, 2, 3)))
+    {
+        const std::size_t used = std::strlen(s);
+        if (used + 1 >= N)
+            return;
+        va_list ap;
+        va_start(ap, fmt);
+        std::vsnprintf(s + used, N - used, fmt, ap);
+        va_end(ap);
+    }
+};
+
+// Reports of the children (a MAP_SHARED page, zeroed).
+struct Shared {
+    // client 1: programming
+    double t_fib, t_acl, t_next_hops, t_moves, t_deletes;
+    uint64_t moves_load, moves_changes, moves_overwrites, stores_program;
+    // client 2: storm
+    double t_storm_start, t_storm;
+    uint32_t storm_start_repairs;
+    uint64_t storm_restored;
+    volatile uint64_t storm_started, storm_done, storm_moves, storm_stores;
+    // client 3: restart and verification
+    double t_restart, t_verify_locs, t_verify_lookups;
+    uint64_t restored, stores_restart;
+    uint32_t journal_records, lmt_switched, lmt_invalidated, orphans_deleted, old_copies_deleted;
+    uint64_t locs_checked, loc_errors, lookups_checked, lookup_errors;
+    int inflight_variant[kDemoInsts]; // -1 none, 0 old entry, 1 new entry, 2 neither
+    uint32_t selfchecks, selfcheck_failures;
+    uint64_t hw_entries[kDemoInsts][4];
+    Text<4096> repair_lines;
+    Text<4096> errors; // the first kListedErrors problems
+    uint32_t errors_listed;
+    Text<512> failure[3];
+};
+
+
+uint32_t key_bytes(uint32_t tbl)
+{
+    return tbl == TCAMWRAP_TBL_FIB ? 18u : 36u;
+}
+
+Entry fib_entry(const Route &r)
+{
+    Entry e;
+    e.used = true;
+    const FibKey k = fib_key(r.net, r.len);
+    std::copy(k.begin(), k.end(), e.key.begin());
+    e.prio = fib_priority(r.len);
+    e.result = next_hop_result(r.next_hop);
+    return e;
+}
+
+Entry acl_entry(const AclRule &r)
+{
+    Entry e;
+    e.used = true;
+    const AclKey k = acl_key(r);
+    std::copy(k.begin(), k.end(), e.key.begin());
+    e.prio = r.prio;
+    e.acl_prio = r.acl_prio;
+    e.result = acl_result(r);
+    return e;
+}
+
+EntrySpec spec_of(uint32_t tbl, const Entry &e)
+{
+    return {{e.key.begin(), e.key.begin() + key_bytes(tbl)}, e.prio, e.result, e.acl_prio};
+}
+
+std::vector<EntrySpec> specs_of(uint32_t tbl, const std::vector<Entry> &entries)
+{
+    std::vector<EntrySpec> out;
+    out.reserve(entries.size());
+    for (const Entry &e : entries)
+        out.push_back(spec_of(tbl, e));
+    return out;
+}
+
+tbl_params one_entry(uint8_t inst, uint32_t tbl, uint32_t loc)
+{
+    tbl_params p{};
+    p.inst = inst;
+    p.tbl_type = tbl;
+    p.num_entries = 1;
+    p.start_addr = loc;
+    return p;
+}
+
+std::vector<uint32_t> used_locs(const TableModel &t)
+{
+    std::vector<uint32_t> out;
+    for (uint32_t loc = 0; loc < t.size(); ++loc)
+        if (t[loc].used)
+            out.push_back(loc);
+    return out;
+}
+
+// ---- planning (parent) ------------------------------------------------------
+
+struct DemoSizes {
+    uint32_t routes, acl, storm;
+    uint32_t size[4];
+};
+
+Plan make_plan(uint64_t seed, const DemoSizes &sz)
+{
+    Plan plan;
+    plan.seed = seed;
+    std::mt19937_64 rng(seed);
+    PrefixSet taken;
+    for (const Route &r : generate_routes(sz.routes, rng, taken))
+        plan.load[TCAMWRAP_TBL_FIB].push_back(fib_entry(r));
+    for (const AclRule &r : generate_acl(sz.acl, true, rng))
+        plan.load[TCAMWRAP_TBL_ACLI].push_back(acl_entry(r));
+    for (const AclRule &r : generate_acl(sz.acl, false, rng))
+        plan.load[TCAMWRAP_TBL_ACLO].push_back(acl_entry(r));
+
+    Model &m = plan.after_program;
+    for (uint32_t tbl : kTables) {
+        m[tbl].assign(sz.size[tbl], Entry{});
+        for (std::size_t i = 0; i < plan.load[tbl].size(); ++i)
+            m[tbl][spread_loc(i, sz.size[tbl], 0)] = plan.load[tbl][i];
+    }
+
+    // Disjoint shares of the routes: 10% new next hop, 5% moved to a new prefix
+    // (an overwrite, which may make the engine move entries), 3% deleted. The
+    // default route (loc 0) stays.
+    std::vector<uint32_t> fib_locs = used_locs(m[TCAMWRAP_TBL_FIB]);
+    fib_locs.erase(std::remove(fib_locs.begin(), fib_locs.end(), 0u), fib_locs.end());
+    std::shuffle(fib_locs.begin(), fib_locs.end(), rng);
+    auto take = [&, next = std::size_t{0}](std::size_t n) mutable {
+        std::vector<uint32_t> out(fib_locs.begin() + static_cast<long>(next),
+                                  fib_locs.begin() +
+                                      static_cast<long>(std::min(next + n, fib_locs.size())));
+        next = std::min(next + n, fib_locs.size());
+        return out;
+    };
+    for (uint32_t loc : take(sz.routes / 10)) {
+        Entry &e = m[TCAMWRAP_TBL_FIB][loc];
+        ResultWord w;
+        do
+            w = next_hop_result(random_next_hop(rng));
+        while (w == e.result);
+        e.result = w;
+        plan.next_hops.emplace_back(loc, w);
+    }
+    for (uint32_t loc : take(sz.routes / 20)) {
+        const Entry e = fib_entry(random_route(rng, taken));
+        m[TCAMWRAP_TBL_FIB][loc] = e;
+        plan.moves.push_back({TCAMWRAP_TBL_FIB, loc, e});
+    }
+    for (uint32_t loc : take(sz.routes * 3 / 100)) {
+        m[TCAMWRAP_TBL_FIB][loc] = Entry{};
+        plan.deletes.emplace_back(TCAMWRAP_TBL_FIB, loc);
+    }
+    for (uint32_t tbl : {TCAMWRAP_TBL_ACLI, TCAMWRAP_TBL_ACLO}) {
+        auto locs = used_locs(m[tbl]);
+        std::shuffle(locs.begin(), locs.end(), rng);
+        for (std::size_t i = 0; i < locs.size() / 50; ++i) {
+            m[tbl][locs[i]] = Entry{};
+            plan.deletes.emplace_back(tbl, locs[i]);
+        }
+    }
+
+    // The storm: overwrites of programmed locs, mostly routes moving to new
+    // prefixes, some ACL rules replaced.
+    std::vector<uint32_t> live[4];
+    for (uint32_t tbl : kTables)
+        live[tbl] = used_locs(m[tbl]);
+    for (uint32_t i = 0; i < sz.storm; ++i) {
+        const uint64_t dice = rng() % 20;
+        uint32_t tbl = TCAMWRAP_TBL_FIB;
+        if (dice == 0 && !live[TCAMWRAP_TBL_ACLI].empty())
+            tbl = TCAMWRAP_TBL_ACLI;
+        else if (dice == 1 && !live[TCAMWRAP_TBL_ACLO].empty())
+            tbl = TCAMWRAP_TBL_ACLO;
+        if (live[tbl].empty())
+            break;
+        const uint32_t loc = live[tbl][rng() % live[tbl].size()];
+        const Entry e = tbl == TCAMWRAP_TBL_FIB
+                            ? fib_entry(random_route(rng, taken))
+                            : acl_entry(random_acl_rule(tbl == TCAMWRAP_TBL_ACLI, rng));
+        plan.storm.push_back({tbl, loc, e});
+    }
+    return plan;
+}
+
+// ---- children ----------------------------------------------------------------
+
+StartReport start_demo_client()
+{
+    StartOptions options;
+    // Reconciliation reports are traced at level 3.
+    options.debug_level = static_cast<int>(std::max<uint32_t>(saved_debug_level(), 3));
+    return start_library(options);
+}
+
+template <typename Fn>
+int run_child(Shared *shm, int slot, Fn fn)
+{
+    std::fflush(stdout);
+    std::fflush(stderr);
+    const pid_t pid = ::fork();
+    if (pid < 0)
+        throw Failure("fork failed: " + errno_text(errno));
+    if (pid == 0) {
+        int code = 1;
+        try {
+            code = fn();
+        } catch (const std::exception &e) {
+            shm->failure[slot].append("%s", e.what());
+        }
+        std::fflush(stdout);
+        std::fflush(stderr);
+        ::_exit(code);
+    }
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR)
+            throw Failure("waitpid failed: " + errno_text(errno));
+    return status;
+}
+
+int program_card(const Plan &plan, Shared *shm)
+{
+    const StartReport started = start_demo_client();
+    if (started.init_type != 0)
+        throw Failure("client 1 expected a fresh start");
+    const uint64_t stores0 = sim_calls_get("kvs_store");
+    uint64_t total = 0;
+    for (uint32_t tbl : kTables)
+        total += plan.load[tbl].size();
+    auto t = std::chrono::steady_clock::now();
+    {
+        Progress progress("client 1: loading", total);
+        uint64_t done = 0;
+        write_spread(TCAMWRAP_TBL_FIB, TCAMWRAP_ALL_INSTS,
+                     specs_of(TCAMWRAP_TBL_FIB, plan.load[TCAMWRAP_TBL_FIB]), 0, progress, done);
+        shm->t_fib = seconds_since(t);
+        t = std::chrono::steady_clock::now();
+        for (uint32_t tbl : {TCAMWRAP_TBL_ACLI, TCAMWRAP_TBL_ACLO})
+            write_spread(tbl, TCAMWRAP_ALL_INSTS, specs_of(tbl, plan.load[tbl]), 0, progress, done);
+        shm->t_acl = seconds_since(t);
+    }
+    shm->moves_load = engine_moves();
+
+    t = std::chrono::steady_clock::now();
+    for (auto [loc, word] : plan.next_hops) {
+        tbl_params p = one_entry(TCAMWRAP_ALL_INSTS, TCAMWRAP_TBL_FIB, loc);
+        if (tcamwrap_fwd_ssram_write(&p, word.data()) != 0)
+            throw Failure("tcamwrap_fwd_ssram_write of fib loc " + hexnum(loc) +
+                          " failed: " + errno_text(errno));
+    }
+    shm->t_next_hops = seconds_since(t);
+
+    t = std::chrono::steady_clock::now();
+    const uint64_t moves_before = engine_moves();
+    for (const LocWrite &w : plan.moves)
+        write_entries(w.tbl_type, TCAMWRAP_ALL_INSTS, w.loc, {spec_of(w.tbl_type, w.entry)});
+    shm->t_moves = seconds_since(t);
+    shm->moves_overwrites = engine_moves() - moves_before;
+
+    t = std::chrono::steady_clock::now();
+    for (auto [tbl, loc] : plan.deletes) {
+        tbl_params p = one_entry(TCAMWRAP_ALL_INSTS, tbl, loc);
+        if (tcamwrap_fwd_tcam_delete(&p) != 0)
+            throw Failure(std::string("tcamwrap_fwd_tcam_delete of ") + table_name(tbl) + " loc " +
+                          hexnum(loc) + " failed: " + errno_text(errno));
+    }
+    shm->t_deletes = seconds_since(t);
+    shm->moves_changes = engine_moves() - shm->moves_load;
+    shm->stores_program = sim_calls_get("kvs_store") - stores0;
+    return 0;
+}
+
+int overwrite_storm(const Plan &plan, Shared *shm)
+{
+    auto t = std::chrono::steady_clock::now();
+    const StartReport started = start_demo_client();
+    shm->t_storm_start = seconds_since(t);
+    shm->storm_start_repairs = started.repairs.total();
+    for (const auto &[table, n] : started.restored)
+        shm->storm_restored += n;
+    const std::string rule = "crash=" + plan.crash_point + ":" + std::to_string(plan.crash_nth);
+    if (sim_fault_set(rule.c_str()) != 0)
+        throw Failure("the fault injector refuses '" + rule + "'");
+    const uint64_t stores0 = sim_calls_get("kvs_store");
+    t = std::chrono::steady_clock::now();
+    for (std::size_t i = 0; i < plan.storm.size(); ++i) {
+        const LocWrite &w = plan.storm[i];
+        shm->storm_started = i + 1;
+        write_entries(w.tbl_type, TCAMWRAP_ALL_INSTS, w.loc, {spec_of(w.tbl_type, w.entry)});
+        shm->storm_done = i + 1;
+        // The process may end at any callback: keep the figures current.
+        shm->storm_moves = engine_moves();
+        shm->storm_stores = sim_calls_get("kvs_store") - stores0;
+        shm->t_storm = seconds_since(t);
+    }
+    return kStormFinished;
+}
+
+bool same_entry(uint32_t tbl, const Entry &want, const EntryView &got)
+{
+    if (want.used != got.used)
+        return false;
+    if (!want.used)
+        return true;
+    return std::equal(got.key.begin(), got.key.end(), want.key.begin()) && got.prio == want.prio &&
+           got.result == want.result && (tbl != TCAMWRAP_TBL_ACLI || got.acl_prio == want.acl_prio);
+}
+
+std::string entry_brief(uint32_t tbl, const Entry &e)
+{
+    if (!e.used)
+        return "unused";
+    return describe_key(tbl, e.key.data()) + " prio " + std::to_string(e.prio) + " -> " +
+           describe_result(tbl, e.result.data());
+}
+
+// What differs between the model's entry and the one read back.
+std::string mismatch_text(uint32_t tbl, const Entry &want, const EntryView &got)
+{
+    if (!got.used || !want.used)
+        return "holds " + (got.used ? describe_key(tbl, got.key.data()) : std::string("nothing")) +
+               ", expected " + entry_brief(tbl, want);
+    const bool same_key =
+        std::equal(got.key.begin(), got.key.end(), want.key.begin()) && got.prio == want.prio;
+    if (!same_key)
+        return "holds " + describe_key(tbl, got.key.data()) + " prio " + std::to_string(got.prio) +
+               ", expected " + entry_brief(tbl, want);
+    std::string text = "key right, result " + describe_result(tbl, got.result.data()) +
+                       ", expected " + describe_result(tbl, want.result.data());
+    if (tbl == TCAMWRAP_TBL_ACLI)
+        text += " (ACL-priority " + std::to_string(got.acl_prio) + ", expected " +
+                std::to_string(want.acl_prio) + ")";
+    return text;
+}
+
+struct Inflight {
+    bool present = false;
+    LocWrite write; // the new entry
+    Entry old;
+};
+
+void verify_locs(const Model &model, const Inflight &inflight, Shared *shm, Model per_inst[])
+{
+    for (uint8_t inst = 0; inst < kDemoInsts; ++inst) {
+        per_inst[inst] = model;
+        shm->inflight_variant[inst] = -1;
+        for (uint32_t tbl : kTables) {
+            const TableModel &t = model[tbl];
+            for (uint32_t loc = 0; loc < t.size(); ++loc) {
+                const EntryView got = read_entry(inst, tbl, loc);
+                ++shm->locs_checked;
+                if (inflight.present && inflight.write.tbl_type == tbl &&
+                    inflight.write.loc == loc) {
+                    const bool is_old = same_entry(tbl, inflight.old, got);
+                    const bool is_new = same_entry(tbl, inflight.write.entry, got);
+                    shm->inflight_variant[inst] = is_new ? 1 : is_old ? 0 : 2;
+                    if (is_new)
+                        per_inst[inst][tbl][loc] = inflight.write.entry;
+                    if (is_old || is_new)
+                        continue;
+                } else if (same_entry(tbl, t[loc], got)) {
+                    continue;
+                }
+                ++shm->loc_errors;
+                if (shm->errors_listed++ < kListedErrors)
+                    shm->errors.append("%s inst %u loc 0x%x: %s\n", table_name(tbl), inst, loc,
+                                       mismatch_text(tbl, t[loc], got).c_str());
+            }
+        }
+    }
+    // An entry goes to instance 0 before instance 1.
+    if (shm->inflight_variant[0] == 0 && shm->inflight_variant[1] == 1) {
+        ++shm->loc_errors;
+        if (shm->errors_listed++ < kListedErrors)
+            shm->errors.append(
+                "the in-flight loc holds the new entry on instance 1 but the old one "
+                "on instance 0\n");
+    }
+}
+
+void verify_lookups(const Model per_inst[], Shared *shm)
+{
+    for (uint8_t inst = 0; inst < kDemoInsts; ++inst) {
+        const TableModel &fib = per_inst[inst][TCAMWRAP_TBL_FIB];
+        LpmTable lpm;
+        std::vector<std::pair<Route, uint32_t>> routes;
+        for (uint32_t loc = 0; loc < fib.size(); ++loc) {
+            if (!fib[loc].used)
+                continue;
+            const auto r = fib_key_route(fib[loc].key.data());
+            if (!r)
+                continue;
+            lpm.add(r->net, r->len, loc);
+            routes.emplace_back(*r, loc);
+        }
+        const tcam_info *info = managed_table(inst, TCAMWRAP_TBL_FIB);
+        for (const auto &[route, loc] : routes) {
+            ++shm->lookups_checked;
+            const uint32_t want_loc = *lpm.lookup(route.net);
+            const ResultWord &want = fib[want_loc].result;
+            const FibSearch search = fib_search(route.net);
+            uint32_t sloc = 0;
+            ResultWord got{};
+            const int rc =
+                sim_hw_lookup_result(inst, TCAMWRAP_TBL_FIB, search.data(), &sloc, got.data());
+            const uint32_t got_loc = rc == 1 && info != nullptr && sloc < info->lmt_sz
+                                         ? info->rlmt[sloc]
+                                         : TCAMWRAP_INVALID_LOC;
+            if (rc == 1 && got == want && got_loc == want_loc)
+                continue;
+            ++shm->lookup_errors;
+            if (shm->errors_listed++ < kListedErrors)
+                shm->errors.append("fib inst %u lookup %s: %s, expected loc 0x%x %s\n", inst,
+                                   ipv4_text(route.net).c_str(),
+                                   rc == 1 ? ("loc " + hexnum(got_loc) + " " +
+                                              describe_result(TCAMWRAP_TBL_FIB, got.data()))
+                                                 .c_str()
+                                           : "no match",
+                                   want_loc,
+                                   describe_result(TCAMWRAP_TBL_FIB, want.data()).c_str());
+        }
+    }
+}
+
+int restart_and_verify(const Model &model, const Inflight &inflight, Shared *shm)
+{
+    const uint64_t stores0 = sim_calls_get("kvs_store");
+    const StartReport started = start_demo_client();
+    shm->t_restart = started.seconds;
+    shm->stores_restart = sim_calls_get("kvs_store") - stores0;
+    for (const auto &[table, n] : started.restored)
+        shm->restored += n;
+    const Repairs &r = started.repairs;
+    shm->journal_records = r.journal_records;
+    shm->lmt_switched = r.lmt_switched;
+    shm->lmt_invalidated = r.lmt_invalidated;
+    shm->orphans_deleted = r.orphans_deleted;
+    shm->old_copies_deleted = r.old_copies_deleted;
+    for (const std::string &line : r.lines)
+        shm->repair_lines.append("%s\n", line.c_str());
+
+    auto t = std::chrono::steady_clock::now();
+    static Model per_inst[kDemoInsts];
+    verify_locs(model, inflight, shm, per_inst);
+    shm->t_verify_locs = seconds_since(t);
+    t = std::chrono::steady_clock::now();
+    verify_lookups(per_inst, shm);
+    shm->t_verify_lookups = seconds_since(t);
+
+    for (uint8_t inst = 0; inst < kDemoInsts; ++inst)
+        for (uint32_t tbl : kTables) {
+            char why[256] = "";
+            ++shm->selfchecks;
+            if (orvex_sim_check(inst, tbl, why, sizeof why) != 0) {
+                ++shm->selfcheck_failures;
+                if (shm->errors_listed++ < kListedErrors)
+                    shm->errors.append("engine self-check of %s inst %u: %s\n", table_name(tbl),
+                                       inst, why);
+            }
+            shm->hw_entries[inst][tbl] = sim_hw_tcam_count(inst, tbl);
+        }
+    return shm->loc_errors == 0 && shm->lookup_errors == 0 && shm->selfcheck_failures == 0 ? 0 : 1;
+}
+
+// ---- the parent -------------------------------------------------------------
+
+void prepare_state_dir()
+{
+    if (std::getenv(SIM_STATE_ENV) == nullptr) {
+        const char *tmp = std::getenv("TMPDIR");
+        std::string templ =
+            std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tcamwrap-demo-XXXXXX";
+        if (::mkdtemp(templ.data()) == nullptr)
+            throw Failure("cannot create a state directory: " + errno_text(errno));
+        ::setenv(SIM_STATE_ENV, templ.c_str(), 1);
+    }
+    if (card_exists() || client_started())
+        throw UsageError("the demo needs a fresh card, but " + state_dir() +
+                         " holds one ('tcamwrap-sim card reset' removes it, or name a new "
+                         "directory)");
+}
+
+DemoSizes card_sizes(const Args &args)
+{
+    DemoSizes sz{};
+    sz.routes = static_cast<uint32_t>(args.number("routes", SIM_MAX_ENTRIES).value_or(100000));
+    sz.acl = static_cast<uint32_t>(args.number("acl", SIM_MAX_ENTRIES).value_or(2000));
+    sz.storm = static_cast<uint32_t>(args.number("storm", 10000000).value_or(20000));
+    if (sim_card_open() != 0)
+        throw Failure("cannot create the simulated card in " + state_dir() + ": " +
+                      errno_text(errno));
+    if (sim_card_num_insts() != kDemoInsts)
+        throw UsageError("the demo needs a card with two instances (the profile has " +
+                         std::to_string(sim_card_num_insts()) + ")");
+    for (uint32_t tbl : kTables) {
+        if (!is_orvex(tbl))
+            throw UsageError(std::string("the demo needs every table on an Orvex TCAM; ") +
+                             table_name(tbl) + " is tcam3 in the profile");
+        sz.size[tbl] = table_size(tbl);
+    }
+    // A bank filled beyond nine tenths leaves the engine little room to work.
+    auto fits = [](uint64_t n, uint32_t size) { return n * 10 <= uint64_t{size} * 9; };
+    if (!fits(sz.routes, sz.size[TCAMWRAP_TBL_FIB]))
+        throw UsageError("--routes " + std::to_string(sz.routes) +
+                         " is more than 90% of the fib (" +
+                         std::to_string(sz.size[TCAMWRAP_TBL_FIB]) + " entries)");
+    if (!fits(sz.acl, sz.size[TCAMWRAP_TBL_ACLI]) || !fits(sz.acl, sz.size[TCAMWRAP_TBL_ACLO]))
+        throw UsageError("--acl " + std::to_string(sz.acl) + " is more than 90% of an ACL table");
+    if (sz.routes < 100)
+        throw UsageError("--routes: the demo needs at least 100 routes");
+    if (sz.storm == 0)
+        throw UsageError("--storm: the storm needs at least one overwrite");
+    // The children open the card themselves.
+    sim_card_close();
+    return sz;
+}
+
+// The crash: --crash POINT[:N], or a random camindex point and count that the
+// storm reaches about half way. moves_per_write: the engine's moves per
+// overwrite and instance as the programming phase saw them.
+void choose_crash(const Args &args, std::mt19937_64 &rng, double moves_per_write, Plan &plan)
+{
+    const uint64_t storm_writes = plan.storm.size() * kDemoInsts;
+    if (auto text = args.value("crash")) {
+        std::string point = *text;
+        std::optional<uint64_t> nth;
+        if (auto colon = point.rfind(':'); colon != std::string::npos) {
+            nth = parse_number(point.substr(colon + 1), UINT32_MAX, "--crash count");
+            point.resize(colon);
+        }
+        if (point.rfind("PRE_", 0) == 0 || point.rfind("POST_", 0) == 0)
+            point = "camindex." + point;
+        plan.crash_point = point;
+        plan.crash_nth = nth.value_or(1 + rng() % std::max<uint64_t>(1, storm_writes / 2));
+        if (plan.crash_nth == 0)
+            throw UsageError("--crash: the count starts at 1");
+        return;
+    }
+    // Every storm overwrite passes each add and delete point once per instance;
+    // PRE_MOVE only as often as groom moves. POST_MOVE is left out: a crash
+    // between the engine's move and its POST_MOVE leaves the LMT naming the
+    // vacated location, and the restart drops that entry (see tools/README.md).
+    static const char *points[] = {"PRE_ADD", "POST_ADD", "PRE_DEL", "POST_DEL", "PRE_MOVE"};
+    std::string point = points[rng() % std::size(points)];
+    uint64_t reach = storm_writes / 2;
+    if (point == "PRE_MOVE") {
+        reach = static_cast<uint64_t>(moves_per_write * static_cast<double>(storm_writes) / 2);
+        if (reach == 0) {
+            point = "POST_DEL";
+            reach = storm_writes / 2;
+        }
+    }
+    plan.crash_point = "camindex." + point;
+    plan.crash_nth = 1 + rng() % std::max<uint64_t>(1, reach);
+}
+
+void appendf(std::string &out, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void appendf(std::string &out, const char *fmt, ...)
+{
+    char line[512];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(line, sizeof line, fmt, ap);
+    va_end(ap);
+    out += line;
+}
+
+struct DemoTimes {
+    double plan, program, storm, verify, audit, total;
+};
+
+struct DemoResult {
+    uint64_t seed;
+    const DemoSizes &sz;
+    const Plan &plan;
+    const Shared &shm;
+    DemoTimes t;
+    bool killed;
+    std::string inflight;
+    const std::vector<Difference> &audit;
+    bool verdict;
+    std::string problems;
+    uint64_t entries[4];
+};
+
+std::string inflight_text(const Inflight &inflight, const Shared &shm)
+{
+    if (!inflight.present)
+        return "none (the crash came between two overwrites)";
+    static const char *variant[] = {"the old entry", "the new entry", "neither entry"};
+    auto holds = [&](int v) { return v >= 0 && v <= 2 ? variant[v] : "?"; };
+    return std::string(table_name(inflight.write.tbl_type)) + " loc " + hexnum(inflight.write.loc) +
+           ": inst 0 holds " + holds(shm.inflight_variant[0]) + ", inst 1 holds " +
+           holds(shm.inflight_variant[1]);
+}
+
+std::vector<std::string> split_lines(const char *text)
+{
+    std::vector<std::string> lines;
+    for (const char *p = text; *p != '\0';) {
+        const char *nl = std::strchr(p, '\n');
+        const std::size_t n = nl != nullptr ? static_cast<std::size_t>(nl - p) : std::strlen(p);
+        lines.emplace_back(p, n);
+        p += n + (nl != nullptr ? 1 : 0);
+    }
+    return lines;
+}
+
+unsigned long long ull(uint64_t v)
+{
+    return v;
+}
+
+// One line of the report with its time in a right-hand column.
+void timed(std::string &out, const std::string &label, double seconds)
+{
+    appendf(out, "%-62s %7.2f s\n", label.c_str(), seconds);
+}
+
+std::string text_report(const DemoResult &r)
+{
+    const Shared &m = r.shm;
+    const Plan &plan = r.plan;
+    std::string out;
+    appendf(out, "tcamwrap-sim demo: seed %llu, state directory %s\n", ull(r.seed),
+            state_dir().c_str());
+    appendf(out, "card: 2 instances; fib %u, acli %u, aclo %u entries, all on the Orvex engine\n\n",
+            r.sz.size[TCAMWRAP_TBL_FIB], r.sz.size[TCAMWRAP_TBL_ACLI],
+            r.sz.size[TCAMWRAP_TBL_ACLO]);
+    timed(out, "1. client 1 (fresh start) programs both instances", r.t.program);
+    timed(out, "   " + std::to_string(r.sz.routes) + " routes, prefix-length mix of a public table",
+          m.t_fib);
+    timed(out,
+          "   " + std::to_string(r.sz.acl) + " acli + " + std::to_string(r.sz.acl) + " aclo rules",
+          m.t_acl);
+    timed(out, "   " + std::to_string(plan.next_hops.size()) + " next hops changed", m.t_next_hops);
+    timed(out,
+          "   " + std::to_string(plan.moves.size()) + " routes moved to new prefixes (overwrites)",
+          m.t_moves);
+    timed(out, "   " + std::to_string(plan.deletes.size()) + " entries deleted", m.t_deletes);
+    appendf(out, "   engine moves: %llu loading, %llu changing; store writes: %llu\n",
+            ull(m.moves_load), ull(m.moves_changes), ull(m.stores_program));
+    timed(out,
+          "2. client 2 restarts with restore: " + std::to_string(m.storm_restored) + " entries, " +
+              std::to_string(m.storm_start_repairs) + " repairs",
+          m.t_storm_start);
+    timed(out,
+          "   overwrite storm: " + std::to_string(m.storm_done) + " overwrites done, #" +
+              std::to_string(m.storm_started) + " in flight",
+          m.t_storm);
+    appendf(out, "   engine moves: %llu; store writes: %llu\n", ull(m.storm_moves),
+            ull(m.storm_stores));
+    appendf(out, "   crash: %s #%llu -> %s\n", plan.crash_point.c_str(), ull(plan.crash_nth),
+            r.killed ? "client killed by the fault injector" : "NOT REACHED");
+    timed(out, "3. client 3 restarts with restore and reconciles", m.t_restart);
+    appendf(out, "   %llu entries restored from hardware; store writes: %llu\n", ull(m.restored),
+            ull(m.stores_restart));
+    appendf(out,
+            "   repaired: %u journal record(s) (%u LMT switch(es), %u old copies deleted), "
+            "%u stale loc(s), %u orphan entr(ies)\n",
+            m.journal_records, m.lmt_switched, m.old_copies_deleted, m.lmt_invalidated,
+            m.orphans_deleted);
+    for (const std::string &line : split_lines(m.repair_lines.s))
+        out += "     library: " + line + "\n";
+    timed(out, "4. verification", m.t_verify_locs + m.t_verify_lookups);
+    appendf(out, "   locs: %llu checked (every loc of every table, both instances), %llu wrong\n",
+            ull(m.locs_checked), ull(m.loc_errors));
+    out += "   in flight at the crash: " + r.inflight + "\n";
+    appendf(out, "   lookups: %llu routes looked up by network address, %llu wrong\n",
+            ull(m.lookups_checked), ull(m.lookup_errors));
+    appendf(out, "   engine self-check: %u tables, %u failed\n", m.selfchecks,
+            m.selfcheck_failures);
+    timed(out,
+          "   audit of store and hardware: " + std::to_string(r.audit.size()) + " difference(s)",
+          r.t.audit);
+    appendf(out, "entries per instance: fib %llu, acli %llu, aclo %llu\n",
+            ull(r.entries[TCAMWRAP_TBL_FIB]), ull(r.entries[TCAMWRAP_TBL_ACLI]),
+            ull(r.entries[TCAMWRAP_TBL_ACLO]));
+    if (m.errors.s[0] != '\0')
+        out += "first problems:\n" + std::string(m.errors.s);
+    if (!r.verdict)
+        out += "problems:\n" + r.problems;
+    appendf(out, "verdict: %s (total %.1f s)\n",
+            r.verdict ? "every entry and every lookup is right after the crash and warm restart"
+                      : "WRONG",
+            r.t.total);
+    return out;
+}
+
+Json json_report(const DemoResult &r)
+{
+    const Shared &m = r.shm;
+    const Plan &plan = r.plan;
+    Json j = Json::object();
+    j.set("seed", r.seed).set("state_dir", state_dir());
+    Json card = Json::object().set("instances", kDemoInsts);
+    Json per_table = Json::object();
+    for (uint32_t tbl : kTables) {
+        card.set(table_name(tbl), r.sz.size[tbl]);
+        per_table.set(table_name(tbl), r.entries[tbl]);
+    }
+    j.set("card", std::move(card)).set("entries_per_instance", std::move(per_table));
+    j.set("operations", Json::object()
+                            .set("routes_loaded", r.sz.routes)
+                            .set("acl_rules_loaded", 2 * r.sz.acl)
+                            .set("next_hops_changed", plan.next_hops.size())
+                            .set("routes_moved", plan.moves.size())
+                            .set("deletes", plan.deletes.size())
+                            .set("storm_overwrites_done", m.storm_done));
+    j.set("engine_moves", Json::object()
+                              .set("load", m.moves_load)
+                              .set("changes", m.moves_changes)
+                              .set("storm", m.storm_moves));
+    j.set("store_writes", Json::object()
+                              .set("program", m.stores_program)
+                              .set("storm", m.storm_stores)
+                              .set("restart", m.stores_restart));
+    j.set("seconds", Json::object()
+                         .set("plan", r.t.plan)
+                         .set("fib_load", m.t_fib)
+                         .set("acl_load", m.t_acl)
+                         .set("next_hops", m.t_next_hops)
+                         .set("moves", m.t_moves)
+                         .set("deletes", m.t_deletes)
+                         .set("program_client", r.t.program)
+                         .set("storm_restart", m.t_storm_start)
+                         .set("storm", m.t_storm)
+                         .set("storm_client", r.t.storm)
+                         .set("restart", m.t_restart)
+                         .set("verify_locs", m.t_verify_locs)
+                         .set("verify_lookups", m.t_verify_lookups)
+                         .set("verify_client", r.t.verify)
+                         .set("audit", r.t.audit)
+                         .set("total", r.t.total));
+    j.set("crash", Json::object()
+                       .set("point", plan.crash_point)
+                       .set("nth", plan.crash_nth)
+                       .set("killed", r.killed)
+                       .set("in_flight", r.inflight));
+    Json lines = Json::array();
+    for (const std::string &line : split_lines(m.repair_lines.s))
+        lines.push(line);
+    j.set("reconciliation", Json::object()
+                                .set("restored_entries", m.restored)
+                                .set("journal_records", m.journal_records)
+                                .set("lmt_switched", m.lmt_switched)
+                                .set("lmt_invalidated", m.lmt_invalidated)
+                                .set("orphans_deleted", m.orphans_deleted)
+                                .set("old_copies_deleted", m.old_copies_deleted)
+                                .set("lines", std::move(lines)));
+    Json problems = Json::array();
+    for (const std::string &line : split_lines(m.errors.s))
+        problems.push(line);
+    for (const Difference &d : r.audit)
+        problems.push(d.text);
+    j.set("verification", Json::object()
+                              .set("locs_checked", m.locs_checked)
+                              .set("loc_errors", m.loc_errors)
+                              .set("lookups_checked", m.lookups_checked)
+                              .set("lookup_errors", m.lookup_errors)
+                              .set("engine_selfchecks", m.selfchecks)
+                              .set("engine_selfcheck_failures", m.selfcheck_failures)
+                              .set("audit_differences", r.audit.size())
+                              .set("problems", std::move(problems)));
+    j.set("verdict", r.verdict ? "right" : "wrong");
+    return j;
+}
+
+} // namespace
+
+int cmd_demo(const Args &args)
+{
+    if (!args.positional().empty())
+        throw UsageError("unexpected argument '" + args.positional()[0] + "'");
+    const auto t_total = std::chrono::steady_clock::now();
+    prepare_state_dir();
+    const DemoSizes sz = card_sizes(args);
+    const uint64_t seed = args.number("seed", UINT64_MAX).value_or(std::random_device{}());
+
+    auto t = std::chrono::steady_clock::now();
+    Plan plan = make_plan(seed, sz);
+    const double t_plan = seconds_since(t);
+
+    auto *shm = static_cast<Shared *>(
+        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    if (shm == MAP_FAILED)
+        throw Failure("mmap failed: " + errno_text(errno));
+    std::memset(static_cast<void *>(shm), 0, sizeof(Shared));
+
+    bool ok = true;
+    std::string problems;
+    auto problem = [&](const std::string &what) {
+        ok = false;
+        problems += "  " + what + "\n";
+    };
+
+    // 1. programming
+    t = std::chrono::steady_clock::now();
+    int status = run_child(shm, 0, [&] { return program_card(plan, shm); });
+    const double t_program = seconds_since(t);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw Failure(std::string("client 1 (programming) failed: ") +
+                      (shm->failure[0].s[0] ? shm->failure[0].s : "it died"));
+
+    // 2. the storm, killed
+    std::mt19937_64 crash_rng(seed ^ 0x9e3779b97f4a7c15ull);
+    const double moves_per_write = plan.moves.empty()
+                                       ? 0.0
+                                       : static_cast<double>(shm->moves_overwrites) /
+                                             static_cast<double>(plan.moves.size() * kDemoInsts);
+    choose_crash(args, crash_rng, moves_per_write, plan);
+    t = std::chrono::steady_clock::now();
+    status = run_child(shm, 1, [&] { return overwrite_storm(plan, shm); });
+    const double t_storm = seconds_since(t);
+    const bool killed =
+        (WIFEXITED(status) && WEXITSTATUS(status) == kCrashExit) || WIFSIGNALED(status);
+    if (!killed) {
+        if (WIFEXITED(status) && WEXITSTATUS(status) == kStormFinished)
+            problem("the storm ended before the crash point was reached");
+        else
+            throw Failure(std::string("client 2 (storm) failed: ") +
+                          (shm->failure[1].s[0] ? shm->failure[1].s : "unexpected exit"));
+    }
+
+    // The model after the storm: every completed overwrite, and the one in flight.
+    Model model = plan.after_program;
+    for (uint64_t i = 0; i < shm->storm_done; ++i)
+        model[plan.storm[i].tbl_type][plan.storm[i].loc] = plan.storm[i].entry;
+    Inflight inflight;
+    if (shm->storm_started > shm->storm_done) {
+        inflight.present = true;
+        inflight.write = plan.storm[shm->storm_done];
+        inflight.old = model[inflight.write.tbl_type][inflight.write.loc];
+    }
+
+    // 3. restart, reconcile, verify
+    t = std::chrono::steady_clock::now();
+    status = run_child(shm, 2, [&] { return restart_and_verify(model, inflight, shm); });
+    const double t_verify = seconds_since(t);
+    if (!WIFEXITED(status) || (WEXITSTATUS(status) != 0 && WEXITSTATUS(status) != 1))
+        throw Failure(std::string("client 3 (restart and verification) failed: ") +
+                      (shm->failure[2].s[0] ? shm->failure[2].s : "it died"));
+    if (shm->failure[2].s[0])
+        problem(std::string("client 3: ") + shm->failure[2].s);
+    if (shm->loc_errors != 0)
+        problem(std::to_string(shm->loc_errors) + " loc(s) hold the wrong entry");
+    if (shm->lookup_errors != 0)
+        problem(std::to_string(shm->lookup_errors) + " lookup(s) return the wrong result");
+    if (shm->selfcheck_failures != 0)
+        problem(std::to_string(shm->selfcheck_failures) + " engine self-check(s) failed");
+
+    // 4. what the next client would find
+    t = std::chrono::steady_clock::now();
+    const std::vector<Difference> audit = audit_persistent();
+    const double t_audit = seconds_since(t);
+    for (std::size_t i = 0; i < audit.size() && i < kListedErrors; ++i)
+        problem("audit: " + audit[i].text);
+    if (audit.size() > kListedErrors)
+        problem("audit: " + std::to_string(audit.size() - kListedErrors) +
+                " more difference(s); 'tcamwrap-sim check' lists them all");
+    const double total = seconds_since(t_total);
+
+    DemoResult r{seed,
+                 sz,
+                 plan,
+                 *shm,
+                 {t_plan, t_program, t_storm, t_verify, t_audit, total},
+                 killed,
+                 inflight_text(inflight, *shm),
+                 audit,
+                 ok,
+                 problems,
+                 {}};
+    for (uint32_t tbl : kTables)
+        r.entries[tbl] = used_locs(model[tbl]).size();
+    if (args.has("json"))
+        std::printf("%s\n", json_report(r).dump().c_str());
+    else
+        std::fputs(text_report(r).c_str(), stdout);
+    ::munmap(shm, sizeof(Shared));
+    return ok ? kExitOk : kExitFailed;
+}
+
+} // namespace tcamwrap::cli
