@@ -622,15 +622,17 @@ void choose_crash(const Args &args, std::mt19937_64 &rng, double moves_per_write
         return;
     }
     // Every storm overwrite passes each add and delete point once per instance;
-    // PRE_MOVE only as often as groom moves. POST_MOVE is left out: a crash
-    // between the engine's move and its POST_MOVE leaves the LMT naming the
-    // vacated location, and the restart drops that entry (see tools/README.md).
-    static const char *points[] = {"PRE_ADD", "POST_ADD", "PRE_DEL", "POST_DEL", "PRE_MOVE"};
+    // the move points only as often as groom moves.
+    static const char *points[] = {"PRE_ADD", "POST_ADD", "PRE_DEL", "POST_DEL", "PRE_MOVE",
+                                   "POST_MOVE"};
     std::string point = points[rng() % std::size(points)];
     uint64_t reach = storm_writes / 2;
-    if (point == "PRE_MOVE") {
-        reach = static_cast<uint64_t>(moves_per_write * static_cast<double>(storm_writes) / 2);
-        if (reach == 0) {
+    if (point == "PRE_MOVE" || point == "POST_MOVE") {
+        // Moves are rare and their number in the storm only estimated: aim at
+        // the first quarter of the estimate, and take a delete point when too
+        // few moves are expected to be sure of reaching one.
+        reach = static_cast<uint64_t>(moves_per_write * static_cast<double>(storm_writes) / 8);
+        if (reach < 25) {
             point = "POST_DEL";
             reach = storm_writes / 2;
         }

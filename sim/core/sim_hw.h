@@ -1,5 +1,4 @@
 /*
- * NOTE for the engine: read sim/orvex/ENGINE_CONTRACT.md (insert never moves; groom does).
  * sim_hw.h - the simulated line card's hardware image, shared by the simulator's
  * platform libraries (forwarding driver, search engine, line-card services).
  *

@@ -1,0 +1,509 @@
+// Tests of liborvex_tcam.so on the simulated card: the orvex_tcam_* calls as the
+// library makes them, restore from the hardware image, dumps, parity repair,
+// fault injection and crashes at every callback point.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "orvex_sim.h"
+#include "sim_fault.h"
+#include "sim_hw.h"
+#include "sim_test_util.hpp"
+#include "tcamwrap_platform.h"
+
+namespace {
+
+using tcamwrap::sim::test::ScopedSimState;
+
+constexpr const char *kProfile =
+    "insts=2,fib=1024,acli=256,aclo=256,fib_kind=orvex,acli_kind=orvex,aclo_kind=tcam3";
+constexpr uint32_t kAcli = 1;
+constexpr uint32_t kAclo = 2;
+constexpr uint32_t kFib = 3;
+constexpr uint32_t kFibSize = 1024;
+
+// A client's callbacks: they remember the order of camindex calls and, on an
+// ACLI table, keep the ACL-priority byte with the entry as the library does
+// (written at the new place before an add or a move). With acl_prio 0 every
+// entry uses the flow-result word of its pair, and validate refuses a place
+// whose partner holds an entry.
+struct Recorder {
+    std::vector<std::array<uint32_t, 3>> calls;  // op, old, new
+    uint8_t inst = 0;
+    uint32_t tbl = 0;
+    uint8_t acl_prio = 1;
+
+    static int camindex(void *h, uint32_t, uint32_t, uint32_t op, uint32_t o, uint32_t n) {
+        auto *r = static_cast<Recorder *>(h);
+        r->calls.push_back({op, o, n});
+        if (r->tbl == kAcli && (op == 0 || op == 4)) {
+            uint8_t v = r->acl_prio;
+            if (op == 4) sim_hw_mem_read(r->inst, r->tbl, SIM_MEM_ACL_PRIO, o, 1, &v);
+            sim_hw_mem_write(r->inst, r->tbl, SIM_MEM_ACL_PRIO, n, 1, &v);
+        }
+        return 0;
+    }
+    static int validate(void *h, uint32_t sloc, uint8_t *ok) {
+        auto *r = static_cast<Recorder *>(h);
+        *ok = 1;
+        if (r->tbl == kAcli && r->acl_prio == 0) {
+            uint8_t valid = 0;
+            uint8_t key[SIM_KEY_MAX];
+            uint16_t prio = 0;
+            sim_hw_tcam_get(r->inst, r->tbl, sloc ^ 1u, &valid, key, &prio);
+            *ok = valid == 0;
+        }
+        return 0;
+    }
+    uint32_t last_add() const {
+        for (auto it = calls.rbegin(); it != calls.rend(); ++it)
+            if ((*it)[0] == 0) return (*it)[2];
+        return UINT32_MAX;
+    }
+};
+
+// An entry as the restore and walk callbacks report it.
+using Reported = std::tuple<uint32_t, std::vector<uint32_t>, std::vector<uint32_t>, uint32_t,
+                            uint32_t, uint32_t, uint32_t>;  // sloc, value, mask, width, bank, tbl, prio
+
+struct Collector {
+    std::vector<Reported> entries;
+    int answer = 0;
+    static int cb(void *h, uint32_t sloc, const uint32_t *v, const uint32_t *m, uint32_t width,
+                  uint32_t bank, uint32_t tbl, uint32_t prio) {
+        auto *c = static_cast<Collector *>(h);
+        const std::size_t words = width == 72 ? 3 : 5;
+        c->entries.emplace_back(sloc, std::vector<uint32_t>(v, v + words),
+                                std::vector<uint32_t>(m, m + words), width, bank, tbl, prio);
+        return c->answer;
+    }
+};
+
+// FIB key: value then mask, each one byte and two big-endian words (the
+// address first).
+std::array<uint8_t, 18> fib_key(uint32_t addr, int len, uint8_t top = 0) {
+    const uint32_t mask = len == 0 ? 0 : ~uint32_t{0} << (32 - len);
+    std::array<uint8_t, 18> k{};
+    k[0] = top;
+    k[9] = 0xFF;
+    for (int i = 0; i < 4; ++i) {
+        k[1 + i] = static_cast<uint8_t>((addr & mask) >> (24 - 8 * i));
+        k[10 + i] = static_cast<uint8_t>(mask >> (24 - 8 * i));
+    }
+    return k;
+}
+
+// What a restore or a walk of the image must report: every valid location.
+std::vector<Reported> image_entries(uint8_t inst, uint32_t tbl) {
+    std::vector<Reported> out;
+    const uint32_t size = sim_card_table_size(tbl);
+    const uint32_t half = sim_key_bytes(tbl) / 2;
+    for (uint32_t loc = 0; loc < size; ++loc) {
+        uint8_t valid = 0;
+        uint8_t key[SIM_KEY_MAX];
+        uint16_t prio = 0;
+        EXPECT_EQ(sim_hw_tcam_get(inst, tbl, loc, &valid, key, &prio), 0);
+        if (!valid) continue;
+        const auto words = [&](const uint8_t *p) {  // big-endian number, least significant word first
+            std::vector<uint32_t> w((half + 3) / 4, 0);
+            for (uint32_t i = 0; i < half; ++i) {
+                const uint32_t from_end = half - 1 - i;
+                w[from_end / 4] |= uint32_t{p[i]} << (8 * (from_end % 4));
+            }
+            return w;
+        };
+        out.emplace_back(loc, words(key), words(key + half), half * 8, loc < size / 2 ? 0 : 1, tbl,
+                         prio);
+    }
+    return out;
+}
+
+class OrvexApi : public ::testing::Test {
+protected:
+    OrvexApi() : state_(kProfile) {}
+
+    int init(uint8_t inst, uint32_t tbl, uint32_t restore, Collector *restored = nullptr) {
+        rec_.calls.clear();
+        rec_.inst = inst;
+        rec_.tbl = tbl;
+        return orvex_tcam_init(inst, tbl, tbl == kFib ? 72 : 144, Recorder::validate, &rec_,
+                               Recorder::camindex, &rec_, restore,
+                               restored != nullptr ? Collector::cb : nullptr, restored, 0, 0);
+    }
+    // The library's write: insert, then groom of the bank.
+    int write(tbl_params &p, uint8_t *key, uint16_t prio, uint8_t bank) {
+        const int rc = orvex_tcam_insert_entry(&p, key, &prio, &bank);
+        if (rc == 0) {
+            uint32_t scratch = 0;
+            EXPECT_EQ(orvex_tcam_groom(&p, 0, &scratch, bank), 0);
+        }
+        return rc;
+    }
+    void expect_consistent(uint8_t inst, uint32_t tbl) {
+        char why[256] = "";
+        EXPECT_EQ(orvex_sim_check(inst, tbl, why, sizeof why), 0) << why;
+    }
+
+    ScopedSimState state_;
+    Recorder rec_;
+};
+
+TEST_F(OrvexApi, InitChecksItsArgumentsAndOtherCallsNeedARegisteredTable) {
+    struct Case {
+        const char *what;
+        std::function<int()> call;
+    };
+    const Case cases[] = {
+        {"instance beyond the card", [&] { return init(2, kFib, 0); }},
+        {"table type 0", [&] { return init(0, 0, 0); }},
+        {"table type 4", [&] { return init(0, 4, 0); }},
+        {"a tcam3 table", [&] { return init(0, kAclo, 0); }},
+        {"FIB with a wide key",
+         [&] {
+             return orvex_tcam_init(0, kFib, 144, Recorder::validate, &rec_, Recorder::camindex,
+                                    &rec_, 0, nullptr, nullptr, 0, 0);
+         }},
+        {"no camindex callback",
+         [&] {
+             return orvex_tcam_init(0, kFib, 72, Recorder::validate, &rec_, nullptr, nullptr, 0,
+                                    nullptr, nullptr, 0, 0);
+         }},
+        {"insert into a table never registered",
+         [&] {
+             tbl_params p{1, kAcli, 1, 0, 0};
+             uint8_t key[36] = {};
+             uint16_t prio = 1;
+             uint8_t bank = 0;
+             return orvex_tcam_insert_entry(&p, key, &prio, &bank);
+         }},
+        {"NULL table parameters",
+         [&] {
+             uint32_t sloc = 0;
+             return orvex_tcam_delete_entry(nullptr, &sloc);
+         }},
+    };
+    for (const Case &c : cases) {
+        errno = 0;
+        EXPECT_EQ(c.call(), -1) << c.what;
+        EXPECT_EQ(errno, EINVAL) << c.what;
+    }
+}
+
+TEST_F(OrvexApi, EntriesGoToTheHardwareAndLookupsFindTheLongestPrefix) {
+    ASSERT_EQ(init(0, kFib, 0), 0);
+    tbl_params p{0, kFib, 1, 7, 0xABCD};
+    auto k24 = fib_key(0x0A010200, 24);
+    auto k16 = fib_key(0x0A010000, 16);
+    ASSERT_EQ(write(p, k16.data(), 16, 0), 0);
+    const uint32_t s16 = rec_.last_add();
+    ASSERT_EQ(write(p, k24.data(), 24, 1), 0);
+    const uint32_t s24 = rec_.last_add();
+    ASSERT_LT(s16, kFibSize / 2);
+    ASSERT_GE(s24, kFibSize / 2);
+
+    // Each add is PRE_ADD then POST_ADD of the same place; old_sloc is 0.
+    ASSERT_GE(rec_.calls.size(), 4u);
+    EXPECT_EQ(rec_.calls[0], (std::array<uint32_t, 3>{0, 0, s16}));
+    EXPECT_EQ(rec_.calls[1], (std::array<uint32_t, 3>{1, 0, s16}));
+
+    std::array<uint8_t, 18> out{};
+    uint16_t prio = 0;
+    uint32_t sloc = s24;
+    ASSERT_EQ(orvex_tcam_read_entry(&p, &sloc, out.data(), &prio, 0), 0);
+    EXPECT_EQ(out, k24);
+    EXPECT_EQ(prio, 24);
+
+    uint32_t hit = 0;
+    const auto search = fib_key(0x0A010205, 32);
+    ASSERT_EQ(sim_hw_lookup(0, kFib, search.data(), &hit), 1);
+    EXPECT_EQ(hit, s24);
+    const auto search2 = fib_key(0x0A01FF05, 32);
+    ASSERT_EQ(sim_hw_lookup(0, kFib, search2.data(), &hit), 1);
+    EXPECT_EQ(hit, s16);
+
+    rec_.calls.clear();
+    sloc = s24;
+    ASSERT_EQ(orvex_tcam_delete_entry(&p, &sloc), 0);
+    EXPECT_EQ(rec_.calls, (std::vector<std::array<uint32_t, 3>>{{2, s24, 0}, {3, s24, 0}}));
+    EXPECT_EQ(orvex_tcam_read_entry(&p, &sloc, out.data(), &prio, 0), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(orvex_tcam_delete_entry(&p, &sloc), -1);
+    EXPECT_EQ(errno, ENOENT);
+    uint32_t beyond = kFibSize;
+    EXPECT_EQ(orvex_tcam_read_entry(&p, &beyond, out.data(), &prio, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(sim_hw_lookup(0, kFib, search.data(), &hit), 1);
+    EXPECT_EQ(hit, s16);
+    expect_consistent(0, kFib);
+}
+
+TEST_F(OrvexApi, RestoreReportsExactlyTheHardwareEntriesAndAFreshInitClearsThem) {
+    const uint64_t seed = 99;
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937_64 rng(seed);
+    for (uint32_t tbl : {kFib, kAcli}) {
+        SCOPED_TRACE("table " + std::to_string(tbl));
+        ASSERT_EQ(init(1, tbl, 0), 0);
+        tbl_params p{1, tbl, 1, 0, 0};
+        const uint32_t size = sim_card_table_size(tbl);
+        for (uint32_t i = 0; i < size * 3 / 4; ++i) {
+            std::array<uint8_t, 36> key{};
+            for (auto &b : key) b = static_cast<uint8_t>(rng());
+            ASSERT_EQ(write(p, key.data(), static_cast<uint16_t>(rng() % 20), i % 2), 0) << i;
+        }
+        expect_consistent(1, tbl);
+        const std::vector<Reported> expected = image_entries(1, tbl);
+        ASSERT_EQ(expected.size(), size * 3 / 4);
+
+        Collector restored;
+        restored.answer = -1;  // the client's answer does not stop the restore
+        ASSERT_EQ(init(1, tbl, 1, &restored), 0);
+        EXPECT_EQ(restored.entries, expected);
+        EXPECT_TRUE(rec_.calls.empty()) << "restore calls no camindex";
+        expect_consistent(1, tbl);
+
+        ASSERT_EQ(init(1, tbl, 0), 0);
+        EXPECT_EQ(sim_hw_tcam_count(1, tbl), 0u);
+        expect_consistent(1, tbl);
+    }
+}
+
+TEST_F(OrvexApi, RestoreWordsOfOneKnownEntryOfEachWidth) {
+    ASSERT_EQ(init(0, kFib, 0), 0);
+    ASSERT_EQ(init(0, kAcli, 0), 0);
+    tbl_params fib{0, kFib, 1, 0, 0};
+    auto k = fib_key(0xC0A80100, 24, 0x5A);
+    ASSERT_EQ(write(fib, k.data(), 24, 0), 0);
+    tbl_params acl{0, kAcli, 1, 0, 0};
+    std::array<uint8_t, 36> wide{};
+    for (int i = 0; i < 36; ++i) wide[i] = static_cast<uint8_t>(i + 1);
+    ASSERT_EQ(write(acl, wide.data(), 300, 1), 0);
+
+    Collector f;
+    ASSERT_EQ(init(0, kFib, 1, &f), 0);
+    ASSERT_EQ(f.entries.size(), 1u);
+    EXPECT_EQ(std::get<1>(f.entries[0]), (std::vector<uint32_t>{0x00000000, 0xC0A80100, 0x5A}));
+    EXPECT_EQ(std::get<2>(f.entries[0]), (std::vector<uint32_t>{0x00000000, 0xFFFFFF00, 0xFF}));
+    EXPECT_EQ(std::get<3>(f.entries[0]), 72u);
+    EXPECT_EQ(std::get<4>(f.entries[0]), 0u);
+    EXPECT_EQ(std::get<5>(f.entries[0]), kFib);
+    EXPECT_EQ(std::get<6>(f.entries[0]), 24u);
+
+    Collector a;
+    ASSERT_EQ(init(0, kAcli, 1, &a), 0);
+    ASSERT_EQ(a.entries.size(), 1u);
+    EXPECT_EQ(std::get<1>(a.entries[0]),
+              (std::vector<uint32_t>{0x0F101112, 0x0B0C0D0E, 0x0708090A, 0x03040506, 0x0102}));
+    EXPECT_EQ(std::get<2>(a.entries[0]),
+              (std::vector<uint32_t>{0x21222324, 0x1D1E1F20, 0x191A1B1C, 0x15161718, 0x1314}));
+    EXPECT_EQ(std::get<3>(a.entries[0]), 144u);
+    EXPECT_EQ(std::get<4>(a.entries[0]), 1u);
+    EXPECT_EQ(std::get<6>(a.entries[0]), 300u);
+}
+
+TEST_F(OrvexApi, DumpsWalkTheCopyOrTheHardwareAndParityRepairUsesTheCopy) {
+    ASSERT_EQ(init(0, kFib, 0), 0);
+    tbl_params p{0, kFib, 1, 0, 0};
+    std::vector<uint32_t> slocs;
+    for (uint32_t i = 0; i < 40; ++i) {
+        auto k = fib_key(0x0A000000 + (i << 8), 24);
+        ASSERT_EQ(write(p, k.data(), 24, i % 2), 0);
+    }
+    for (const auto &e : image_entries(0, kFib)) slocs.push_back(std::get<0>(e));
+    ASSERT_EQ(slocs.size(), 40u);
+
+    // Two parity errors: the hardware walk shows them, the copy does not.
+    ASSERT_EQ(orvex_sim_corrupt(0, kFib, slocs[3]), 0);
+    ASSERT_EQ(orvex_sim_corrupt(0, kFib, slocs[30]), 0);
+    char why[256] = "";
+    EXPECT_EQ(orvex_sim_check(0, kFib, why, sizeof why), 1);
+    EXPECT_NE(std::string(why).find(std::to_string(slocs[3])), std::string::npos) << why;
+    Collector sw, hw;
+    EXPECT_EQ(orvex_tcam_dump_tables(&p, 0, Collector::cb, &sw), 40);
+    EXPECT_EQ(orvex_tcam_dump_tables(&p, 7, Collector::cb, &hw), 40);
+    ASSERT_EQ(sw.entries.size(), hw.entries.size());
+    std::set<uint32_t> differ;
+    for (std::size_t i = 0; i < sw.entries.size(); ++i)
+        if (sw.entries[i] != hw.entries[i]) differ.insert(std::get<0>(sw.entries[i]));
+    EXPECT_EQ(differ, (std::set<uint32_t>{slocs[3], slocs[30]}));
+
+    // A walk that refuses stops the dump.
+    Collector refusing;
+    refusing.answer = -1;
+    EXPECT_LT(orvex_tcam_dump_tables(&p, 0, Collector::cb, &refusing), 0);
+    EXPECT_EQ(refusing.entries.size(), 1u);
+
+    // Repair: known places are rewritten from the copy; an empty place and one
+    // beyond the table stay unfixed, in the order given.
+    uint32_t empty = 0;
+    while (std::find(slocs.begin(), slocs.end(), empty) != slocs.end()) ++empty;
+    uint32_t locations[4] = {slocs[3], empty, slocs[30], kFibSize + 5};
+    uint32_t unfixed[4] = {};
+    uint32_t num_unfixed = 99;
+    errno = 0;
+    EXPECT_NE(orvex_tcam_fix_scan_errors(&p, 4, locations, &num_unfixed, unfixed), 0);
+    EXPECT_EQ(errno, ENOENT);
+    ASSERT_EQ(num_unfixed, 2u);
+    EXPECT_EQ(unfixed[0], empty);
+    EXPECT_EQ(unfixed[1], kFibSize + 5);
+    expect_consistent(0, kFib);
+
+    ASSERT_EQ(orvex_sim_corrupt(0, kFib, slocs[7]), 0);
+    uint32_t one[1] = {slocs[7]};
+    EXPECT_EQ(orvex_tcam_fix_scan_errors(&p, 1, one, &num_unfixed, unfixed), 0);
+    EXPECT_EQ(num_unfixed, 0u);
+    EXPECT_EQ(orvex_tcam_fix_scan_errors(&p, 0, nullptr, &num_unfixed, nullptr), 0);
+    expect_consistent(0, kFib);
+
+    EXPECT_EQ(orvex_sim_corrupt(0, kFib, empty), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(OrvexApi, StatisticsCountPerBank) {
+    ASSERT_EQ(init(0, kFib, 0), 0);
+    tbl_params p{0, kFib, 1, 0, 0};
+    for (uint32_t i = 0; i < 100; ++i) {
+        auto k = fib_key(i << 8, 24);
+        ASSERT_EQ(write(p, k.data(), static_cast<uint16_t>(16 + i % 9), i < 70 ? 0 : 1), 0);
+    }
+    uint32_t v[6] = {};
+    for (uint8_t bank : {0, 1}) {
+        ASSERT_EQ(orvex_tcam_get_stats(&p, bank, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]), 0);
+        EXPECT_EQ(v[0], bank == 0 ? 70u : 30u);
+        EXPECT_EQ(v[1], 9u);
+        EXPECT_EQ(v[5], kFibSize / 2 / 64);
+        EXPECT_EQ(v[2] + v[3] + v[4], v[5]);
+    }
+    EXPECT_EQ(orvex_tcam_get_stats(&p, 2, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(orvex_tcam_get_stats(&p, 0, &v[0], nullptr, &v[2], &v[3], &v[4], &v[5]), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+// ACLI entries that keep their result in the shared flow-result word never end
+// up as partners, though groom moves them around a nearly full bank.
+TEST_F(OrvexApi, MovesNeverPairTwoFlowResultEntries) {
+    ASSERT_EQ(init(0, kAcli, 0), 0);
+    rec_.acl_prio = 0;
+    tbl_params p{0, kAcli, 1, 0, 0};
+    std::mt19937_64 rng(5);
+    uint32_t written = 0;
+    for (int i = 0; i < 400; ++i) {
+        std::array<uint8_t, 36> key{};
+        for (auto &b : key) b = static_cast<uint8_t>(rng());
+        written += write(p, key.data(), static_cast<uint16_t>(rng() % 12), i % 2) == 0;
+    }
+    orvex_sim_counters c{};
+    ASSERT_EQ(orvex_sim_counters_get(0, kAcli, &c), 0);
+    EXPECT_GT(c.moves, 0u);
+    EXPECT_GT(written, 80u);
+    for (uint32_t loc = 0; loc < 256; loc += 2) {
+        uint8_t a = 0, b = 0;
+        uint8_t key[SIM_KEY_MAX];
+        uint16_t prio = 0;
+        ASSERT_EQ(sim_hw_tcam_get(0, kAcli, loc, &a, key, &prio), 0);
+        ASSERT_EQ(sim_hw_tcam_get(0, kAcli, loc + 1, &b, key, &prio), 0);
+        EXPECT_FALSE(a && b) << "pair " << loc;
+    }
+    expect_consistent(0, kAcli);
+}
+
+// Every call of the engine can be made to fail by name, with the errno asked for.
+TEST_F(OrvexApi, EachCallFailsWhenTheFaultInjectorSaysSo) {
+    ASSERT_EQ(init(0, kFib, 0), 0);
+    tbl_params p{0, kFib, 1, 0, 0};
+    auto k = fib_key(0x0A000000, 8);
+    ASSERT_EQ(write(p, k.data(), 8, 0), 0);
+    uint32_t sloc = rec_.last_add();
+    uint16_t prio = 8;
+    uint8_t bank = 0;
+    uint32_t v[6];
+    std::array<uint8_t, 18> out{};
+    Collector c;
+    uint32_t n = 0;
+    const std::pair<const char *, std::function<int()>> calls[] = {
+        {"orvex_tcam_init", [&] { return init(0, kFib, 1); }},
+        {"orvex_tcam_insert_entry", [&] { return orvex_tcam_insert_entry(&p, k.data(), &prio, &bank); }},
+        {"orvex_tcam_read_entry", [&] { return orvex_tcam_read_entry(&p, &sloc, out.data(), &prio, 0); }},
+        {"orvex_tcam_groom", [&] { return orvex_tcam_groom(&p, 0, &n, 0); }},
+        {"orvex_tcam_get_stats", [&] { return orvex_tcam_get_stats(&p, 0, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]); }},
+        {"orvex_tcam_dump_tables", [&] { return orvex_tcam_dump_tables(&p, 0, Collector::cb, &c); }},
+        {"orvex_tcam_fix_scan_errors", [&] { return orvex_tcam_fix_scan_errors(&p, 1, &sloc, &n, v); }},
+        {"orvex_tcam_delete_entry", [&] { return orvex_tcam_delete_entry(&p, &sloc); }},
+    };
+    for (const auto &[name, call] : calls) {
+        ASSERT_EQ(sim_fault_set((std::string("fail=") + name + ":1:77").c_str()), 0);
+        errno = 0;
+        EXPECT_EQ(call(), -1) << name;
+        EXPECT_EQ(errno, 77) << name;
+        EXPECT_GE(call(), 0) << name << ": only the first call fails";
+    }
+    sim_fault_set(nullptr);
+    expect_consistent(0, kFib);
+}
+
+// A client killed at any callback point leaves an image that a new process
+// restores in priority order, reporting every entry it holds.
+class CrashPoint : public OrvexApi, public ::testing::WithParamInterface<const char *> {};
+
+TEST_P(CrashPoint, LeavesARestorableImage) {
+    const std::string point = GetParam();
+    for (int nth : {1, 7, 40}) {
+        SCOPED_TRACE(point + " #" + std::to_string(nth));
+        const int status = tcamwrap::sim::test::run_in_child([&] {
+            Recorder rec;
+            if (orvex_tcam_init(0, kFib, 72, Recorder::validate, &rec, Recorder::camindex, &rec, 0,
+                                nullptr, nullptr, 0, 0) != 0)
+                return 2;
+            sim_fault_set(("crash=" + point + ":" + std::to_string(nth)).c_str());
+            std::mt19937_64 rng(nth);
+            tbl_params p{0, kFib, 1, 0, 0};
+            std::vector<uint32_t> slocs;
+            for (int i = 0; i < 3000; ++i) {
+                if (i % 3 == 2 && !slocs.empty()) {
+                    // delete whatever sits at a place once written (it may have moved)
+                    uint32_t s = slocs[rng() % slocs.size()];
+                    orvex_tcam_delete_entry(&p, &s);
+                    continue;
+                }
+                const int len = 8 + static_cast<int>(rng() % 25);
+                auto k = fib_key(static_cast<uint32_t>(rng()), len);
+                uint16_t prio = static_cast<uint16_t>(len);
+                uint8_t bank = static_cast<uint8_t>(rng() % 2);
+                if (orvex_tcam_insert_entry(&p, k.data(), &prio, &bank) == 0) {
+                    slocs.push_back(rec.last_add());
+                    uint32_t scratch = 0;
+                    orvex_tcam_groom(&p, 0, &scratch, bank);
+                }
+            }
+            return 0;  // the point was never reached
+        });
+        ASSERT_TRUE(tcamwrap::sim::test::killed(status)) << "status " << status;
+        Collector restored;
+        ASSERT_EQ(init(0, kFib, 1, &restored), 0);
+        EXPECT_EQ(restored.entries, image_entries(0, kFib));
+        if (nth > 1) {  // before the first add ends there is nothing to find
+            EXPECT_FALSE(restored.entries.empty());
+        }
+        expect_consistent(0, kFib);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Engine, CrashPoint,
+                         ::testing::Values("camindex.PRE_ADD", "camindex.POST_ADD",
+                                           "camindex.PRE_DEL", "camindex.POST_DEL",
+                                           "camindex.PRE_MOVE", "camindex.POST_MOVE"),
+                         [](const ::testing::TestParamInfo<const char *> &p) {
+                             return std::string(p.param).substr(9);  // after "camindex."
+                         });
+
+}  // namespace
