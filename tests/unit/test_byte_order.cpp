@@ -1,0 +1,120 @@
+/*
+ * Byte order. The store's records and the parity record are memory images of
+ * u32 words: big-endian on the PowerPC card, little-endian on an x86 host. Keys
+ * are big-endian fields on every host. These tests spell the expected bytes
+ * out for the host they run on, so the same test pins both.
+ */
+#include <bit>
+#include <cstddef>
+
+#include "test_support.h"
+
+namespace tw {
+namespace {
+
+constexpr bool kBigEndian = std::endian::native == std::endian::big;
+
+/* The bytes of a u32 as this machine keeps it in memory. */
+std::string native(uint32_t v)
+{
+    const char be[4] = {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+    const char le[4] = {char(v), char(v >> 8), char(v >> 16), char(v >> 24)};
+    return std::string(kBigEndian ? be : le, 4);
+}
+
+class ByteOrder : public LibTest {
+protected:
+    tcam_info *fresh_fib()
+    {
+        fake::card().num_insts = 1;
+        fake::card().size[FIB] = 1024;
+        EXPECT_EQ(start({int32_t(FIB)}, 0, 0), 0);
+        return info(0, FIB);
+    }
+
+    static void pre_add(tcam_info *ti, uint32_t loc, uint32_t oper, uint32_t new_sloc)
+    {
+        ti->cb_handle.loc = loc;
+        ti->cb_handle.oper = oper;
+        ti->cb_handle.acl_prio = 1;
+        ASSERT_EQ(tcamwrap_cb_orvex_tcam_camindex(&ti->cb_handle, 0, 0, TCAMWRAP_CB_PRE_ADD, INV,
+                                                  new_sloc),
+                  0);
+    }
+};
+
+TEST_F(ByteOrder, NativeBytesAreWhatTheHostSays)
+{
+    const uint32_t probe = 0x01020304;
+    EXPECT_EQ(std::memcmp(&probe, native(probe).data(), 4), 0);
+    EXPECT_EQ(native(0x01020304), kBigEndian ? std::string("\x01\x02\x03\x04", 4)
+                                             : std::string("\x04\x03\x02\x01", 4));
+}
+
+TEST_F(ByteOrder, LmtSegmentValueIsTheMemoryImageOfItsWords)
+{
+    tcam_info *ti = fresh_fib();
+    ASSERT_NE(ti, nullptr);
+    pre_add(ti, 2, TCAMWRAP_OPER_ADD, 0x0301);
+
+    const std::string value = fake::store()[fake::store_key(prefix_str(), 2, 0, FIB, 0)];
+    ASSERT_EQ(value.size(), 4096u);
+    EXPECT_EQ(value.substr(0, 8), std::string(8, '\xFF'));       /* loc 0 and 1 unused */
+    EXPECT_EQ(value.substr(8, 4), native(0x0301));               /* loc 2 -> sloc 0x301 */
+    EXPECT_EQ(value.substr(8, 4), kBigEndian ? std::string("\x00\x00\x03\x01", 4)
+                                             : std::string("\x01\x03\x00\x00", 4));
+}
+
+TEST_F(ByteOrder, JournalValueIsThreeWordsInMemoryOrder)
+{
+    tcam_info *ti = fresh_fib();
+    ASSERT_NE(ti, nullptr);
+    pre_add(ti, 0x11, TCAMWRAP_OPER_ADD, 0x0203);
+    pre_add(ti, 0x11, TCAMWRAP_OPER_OVERWRITE, 0x0304);
+
+    const std::string value = fake::store()[fake::store_key(prefix_str(), 3, 0, FIB, 0)];
+    EXPECT_EQ(value, native(0x11) + native(0x0203) + native(0x0304));
+}
+
+TEST_F(ByteOrder, ParityReplyFieldsAreInTheCardsByteOrder)
+{
+    orvex(FIB);
+    tcamwrap_gl_db.fac_num = 0x10;
+    fake::set_fix_result({-1, 0x05, {0x0A0B0C0D}});
+    tcamwrap_parity_msg req{};
+    req.hdr = 0x11223344;
+    req.inst = 1;
+    req.tbl_type = FIB;
+    req.num_entries = 1;
+    req.locations[0] = 0x0A0B0C0D;
+    tcamwrap_parity_msg reply{};
+
+    const uint32_t code = 0x80000000u | ((0x10u << 13) & 0x0FFF0000u) | 0x05u;
+    ASSERT_EQ(code, 0x80020005u);
+    ASSERT_EQ(tcamwrap_parity_correction(&req, &reply, nullptr), int32_t(code));
+
+    ASSERT_EQ(sizeof reply, 53u);
+    std::string raw(reinterpret_cast<const char *>(&reply), sizeof reply);
+    const std::string want = native(0x11223344) + native(1) + native(code) + std::string("\x01", 1) +
+                             native(FIB) + native(1) + native(0x0A0B0C0D) +
+                             std::string(28, '\0');
+    EXPECT_EQ(raw, want);
+    if (kBigEndian) {
+        EXPECT_EQ(raw.substr(8, 4), std::string("\x80\x02\x00\x05", 4));  /* error_code */
+    }
+}
+
+TEST_F(ByteOrder, KeysAreReadBigEndianOnEveryHost)
+{
+    level(7);
+    const uint8_t key[18] = {0x04, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08,
+                             0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00};
+    const uint16_t prio = 0x18;
+    tcamwrap_print_key("k", FIB, key, &prio);
+    const auto t = fake::traces_of("tcamwrap_print_key");
+    ASSERT_EQ(t.size(), 1u);
+    EXPECT_EQ(t[0].text, "k: val[040102030405060708] mask[ffffffffffffffff00] prio:   18\n");
+}
+
+} // namespace
+} // namespace tw
