@@ -43,6 +43,51 @@ void no_more_positionals(const Args &args, std::size_t n)
         throw UsageError("unexpected argument '" + args.positional()[n] + "'");
 }
 
+// TABLE LOC [--count N], as the write, read, delete and ssram commands take them.
+struct LocRange {
+    uint32_t tbl;
+    uint32_t loc;
+    uint64_t count;
+};
+
+LocRange loc_range_arguments(const Args &args)
+{
+    const uint32_t tbl = table_argument(args);
+    const uint32_t loc = loc_argument(args, tbl);
+    no_more_positionals(args, 2);
+    const uint64_t count = args.number("count", SIM_MAX_ENTRIES).value_or(1);
+    check_range(tbl, loc, count);
+    return {tbl, loc, count};
+}
+
+tbl_params range_params(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint64_t count)
+{
+    tbl_params p{};
+    p.inst = inst;
+    p.tbl_type = tbl_type;
+    p.num_entries = static_cast<uint32_t>(count);
+    p.start_addr = loc;
+    return p;
+}
+
+std::string loc_prefix(uint8_t inst, uint32_t tbl_type, uint32_t loc)
+{
+    return std::string(table_name(tbl_type)) + " inst " + std::to_string(inst) + " loc " +
+           hexnum(loc) + ": ";
+}
+
+// Reads back every loc of the range on each instance, for both the JSON and the text output.
+void show_entries(const std::vector<uint8_t> &insts, const LocRange &r, const char *text_prefix,
+                  Json &json, std::string &text)
+{
+    for (uint8_t i : insts)
+        for (uint32_t l = r.loc; l < r.loc + r.count; ++l) {
+            const EntryView e = read_entry(i, r.tbl, l);
+            json.push(entry_json(i, r.tbl, l, e));
+            text += text_prefix + entry_text(i, r.tbl, l, e);
+        }
+}
+
 ResultWord result_option(const Args &args, uint32_t tbl_type, bool required)
 {
     if (auto text = args.value("result")) {
@@ -148,11 +193,7 @@ EntryView read_entry(uint8_t inst, uint32_t tbl_type, uint32_t loc)
     e.used = true;
     e.sloc = static_cast<uint32_t>(sloc);
     e.key.assign(sim_key_bytes(tbl_type), 0);
-    tbl_params p{};
-    p.inst = inst;
-    p.tbl_type = tbl_type;
-    p.num_entries = 1;
-    p.start_addr = loc;
+    tbl_params p = range_params(inst, tbl_type, loc, 1);
     auto fail = [&](const char *call) {
         throw Failure(std::string(call) + " of " + table_name(tbl_type) + " inst " +
                       std::to_string(inst) + " loc " + hexnum(loc) +
@@ -193,8 +234,7 @@ Json entry_json(uint8_t inst, uint32_t tbl_type, uint32_t loc, const EntryView &
 
 std::string entry_text(uint8_t inst, uint32_t tbl_type, uint32_t loc, const EntryView &e)
 {
-    std::string out = std::string(table_name(tbl_type)) + " inst " + std::to_string(inst) +
-                      " loc " + hexnum(loc) + ": ";
+    std::string out = loc_prefix(inst, tbl_type, loc);
     if (!e.used)
         return out + "unused\n";
     out += "sloc " + hexnum(e.sloc) + " " + describe_key(tbl_type, e.key.data()) + " prio " +
@@ -280,11 +320,8 @@ int cmd_load(const Args &args)
 
 int cmd_write(const Args &args)
 {
-    const uint32_t tbl = table_argument(args);
-    const uint32_t loc = loc_argument(args, tbl);
-    no_more_positionals(args, 2);
-    const uint64_t count = args.number("count", SIM_MAX_ENTRIES).value_or(1);
-    check_range(tbl, loc, count);
+    const LocRange range = loc_range_arguments(args);
+    const auto [tbl, loc, count] = range;
     const uint8_t inst = parse_inst(args.value("inst").value_or("all"));
     (void)instances_of(inst);
 
@@ -335,12 +372,7 @@ int cmd_write(const Args &args)
 
     Json written = Json::array();
     std::string text = start_summary(started) + "\n";
-    for (uint8_t i : instances_of(inst))
-        for (uint32_t l = loc; l < loc + count; ++l) {
-            const EntryView e = read_entry(i, tbl, l);
-            written.push(entry_json(i, tbl, l, e));
-            text += "wrote " + entry_text(i, tbl, l, e);
-        }
+    show_entries(instances_of(inst), range, "wrote ", written, text);
     emit(args, Json::object().set("start", start_json(started)).set("written", std::move(written)),
          text);
     return kExitOk;
@@ -348,23 +380,14 @@ int cmd_write(const Args &args)
 
 int cmd_read(const Args &args)
 {
-    const uint32_t tbl = table_argument(args);
-    const uint32_t loc = loc_argument(args, tbl);
-    no_more_positionals(args, 2);
-    const uint64_t count = args.number("count", SIM_MAX_ENTRIES).value_or(1);
-    check_range(tbl, loc, count);
+    const LocRange range = loc_range_arguments(args);
     const uint8_t inst = parse_inst(args.value("inst").value_or("0"));
     const auto insts = instances_of(inst);
 
     const StartReport started = start_client(args);
     Json entries = Json::array();
     std::string text;
-    for (uint8_t i : insts)
-        for (uint32_t l = loc; l < loc + count; ++l) {
-            const EntryView e = read_entry(i, tbl, l);
-            entries.push(entry_json(i, tbl, l, e));
-            text += entry_text(i, tbl, l, e);
-        }
+    show_entries(insts, range, "", entries, text);
     emit(args, Json::object().set("start", start_json(started)).set("entries", std::move(entries)),
          text);
     return kExitOk;
@@ -372,27 +395,18 @@ int cmd_read(const Args &args)
 
 int cmd_delete(const Args &args)
 {
-    const uint32_t tbl = table_argument(args);
-    const uint32_t loc = loc_argument(args, tbl);
-    no_more_positionals(args, 2);
-    const uint64_t count = args.number("count", SIM_MAX_ENTRIES).value_or(1);
-    check_range(tbl, loc, count);
+    const auto [tbl, loc, count] = loc_range_arguments(args);
     const uint8_t inst = parse_inst(args.value("inst").value_or("all"));
     (void)instances_of(inst);
 
     const StartReport started = start_client(args);
-    tbl_params p{};
-    p.inst = inst;
-    p.tbl_type = tbl;
-    p.num_entries = static_cast<uint32_t>(count);
-    p.start_addr = loc;
+    tbl_params p = range_params(inst, tbl, loc, count);
+    const std::string locs = std::string(table_name(tbl)) + " locs " + hexnum(loc) + ".." +
+                             hexnum(static_cast<uint32_t>(loc + count - 1));
     if (tcamwrap_fwd_tcam_delete(&p) != 0)
-        throw Failure(std::string("tcamwrap_fwd_tcam_delete of ") + table_name(tbl) + " locs " +
-                      hexnum(loc) + ".." + hexnum(static_cast<uint32_t>(loc + count - 1)) +
-                      " failed: " + errno_text(errno));
-    std::string text = start_summary(started) + "\ndeleted " + table_name(tbl) + " locs " +
-                       hexnum(loc) + ".." + hexnum(static_cast<uint32_t>(loc + count - 1)) +
-                       " on instance(s) " + inst_list(inst) + "\n";
+        throw Failure("tcamwrap_fwd_tcam_delete of " + locs + " failed: " + errno_text(errno));
+    std::string text = start_summary(started) + "\ndeleted " + locs + " on instance(s) " +
+                       inst_list(inst) + "\n";
     emit(args,
          Json::object()
              .set("start", start_json(started))
@@ -406,22 +420,14 @@ int cmd_delete(const Args &args)
 
 int cmd_ssram(const Args &args)
 {
-    const uint32_t tbl = table_argument(args);
-    const uint32_t loc = loc_argument(args, tbl);
-    no_more_positionals(args, 2);
-    const uint64_t count = args.number("count", SIM_MAX_ENTRIES).value_or(1);
-    check_range(tbl, loc, count);
+    const auto [tbl, loc, count] = loc_range_arguments(args);
     const bool writing = args.has("result") || args.has("next-hop");
     const uint8_t inst = parse_inst(args.value("inst").value_or(writing ? "all" : "0"));
     const auto insts = instances_of(inst);
     const ResultWord word = result_option(args, tbl, false);
 
     const StartReport started = start_client(args);
-    tbl_params p{};
-    p.inst = inst;
-    p.tbl_type = tbl;
-    p.num_entries = static_cast<uint32_t>(count);
-    p.start_addr = loc;
+    tbl_params p = range_params(inst, tbl, loc, count);
     if (writing) {
         std::vector<uint8_t> words;
         for (uint64_t n = 0; n < count; ++n)
@@ -434,16 +440,11 @@ int cmd_ssram(const Args &args)
     std::string text = start_summary(started) + "\n";
     for (uint8_t i : insts)
         for (uint32_t l = loc; l < loc + count; ++l) {
-            tbl_params one{};
-            one.inst = i;
-            one.tbl_type = tbl;
-            one.num_entries = 1;
-            one.start_addr = l;
+            tbl_params one = range_params(i, tbl, l, 1);
             ResultWord w{};
             const bool ok = tcamwrap_fwd_ssram_read(&one, w.data()) == 0;
             Json e = Json::object().set("inst", i).set("loc", l);
-            std::string line = std::string(table_name(tbl)) + " inst " + std::to_string(i) +
-                               " loc " + hexnum(l) + ": ";
+            std::string line = loc_prefix(i, tbl, l);
             if (ok) {
                 e.set("result", hex(w.data(), w.size()))
                     .set("result_text", describe_result(tbl, w.data()));

@@ -693,6 +693,14 @@ std::vector<std::string> split_lines(const char *text)
     return lines;
 }
 
+Json json_lines(const char *text)
+{
+    Json lines = Json::array();
+    for (const std::string &line : split_lines(text))
+        lines.push(line);
+    return lines;
+}
+
 unsigned long long ull(uint64_t v)
 {
     return v;
@@ -824,9 +832,6 @@ Json json_report(const DemoResult &r)
                        .set("nth", plan.crash_nth)
                        .set("killed", r.killed)
                        .set("in_flight", r.inflight));
-    Json lines = Json::array();
-    for (const std::string &line : split_lines(m.repair_lines.s))
-        lines.push(line);
     j.set("reconciliation", Json::object()
                                 .set("restored_entries", m.restored)
                                 .set("journal_records", m.journal_records)
@@ -834,10 +839,8 @@ Json json_report(const DemoResult &r)
                                 .set("lmt_invalidated", m.lmt_invalidated)
                                 .set("orphans_deleted", m.orphans_deleted)
                                 .set("old_copies_deleted", m.old_copies_deleted)
-                                .set("lines", std::move(lines)));
-    Json problems = Json::array();
-    for (const std::string &line : split_lines(m.errors.s))
-        problems.push(line);
+                                .set("lines", json_lines(m.repair_lines.s)));
+    Json problems = json_lines(m.errors.s);
     for (const Difference &d : r.audit)
         problems.push(d.text);
     j.set("verification", Json::object()

@@ -26,45 +26,39 @@ namespace {
 constexpr std::size_t kMapBytes = std::size_t{256} << 20;
 constexpr unsigned kMaxStores = 128;
 
-// One LMDB transaction, aborted unless committed.
-class Txn {
+// Owns an LMDB handle and releases it with `Release` unless it was handed over.
+template <typename T, auto Release>
+class OwnedHandle {
 public:
-    Txn() = default;
-    Txn(const Txn &) = delete;
-    Txn &operator=(const Txn &) = delete;
-    ~Txn()
+    OwnedHandle() = default;
+    OwnedHandle(const OwnedHandle &) = delete;
+    OwnedHandle &operator=(const OwnedHandle &) = delete;
+    ~OwnedHandle()
     {
-        if (txn_ != nullptr)
-            mdb_txn_abort(txn_);
+        if (handle_ != nullptr)
+            Release(handle_);
     }
-    int begin(MDB_env *env, unsigned flags) { return mdb_txn_begin(env, nullptr, flags, &txn_); }
-    int commit()
-    {
-        int rc = mdb_txn_commit(txn_);
-        txn_ = nullptr;  // freed by commit, whatever its result
-        return rc;
-    }
-    MDB_txn *get() const { return txn_; }
+    T *get() const { return handle_; }
 
-private:
-    MDB_txn *txn_ = nullptr;
+protected:
+    T *handle_ = nullptr;
 };
 
-class CursorGuard {
+// One LMDB transaction, aborted unless committed.
+class Txn : public OwnedHandle<MDB_txn, mdb_txn_abort> {
 public:
-    CursorGuard() = default;
-    CursorGuard(const CursorGuard &) = delete;
-    CursorGuard &operator=(const CursorGuard &) = delete;
-    ~CursorGuard()
+    int begin(MDB_env *env, unsigned flags) { return mdb_txn_begin(env, nullptr, flags, &handle_); }
+    int commit()
     {
-        if (cur_ != nullptr)
-            mdb_cursor_close(cur_);
+        int rc = mdb_txn_commit(handle_);
+        handle_ = nullptr;  // freed by commit, whatever its result
+        return rc;
     }
-    int open(MDB_txn *txn, MDB_dbi dbi) { return mdb_cursor_open(txn, dbi, &cur_); }
-    MDB_cursor *get() const { return cur_; }
+};
 
-private:
-    MDB_cursor *cur_ = nullptr;
+class CursorGuard : public OwnedHandle<MDB_cursor, mdb_cursor_close> {
+public:
+    int open(MDB_txn *txn, MDB_dbi dbi) { return mdb_cursor_open(txn, dbi, &handle_); }
 };
 
 // Per-handle cursor: the current key and the buffers handed to the caller.
@@ -185,9 +179,10 @@ Shared &shared()
     return s;
 }
 
-// One write transaction on a handle's database: op(txn, dbi) then commit.
+// One transaction on a handle's database: op(txn, dbi), then commit unless read-only
+// (a read-only one is aborted when it goes out of scope).
 template <typename Op>
-int write_txn(uint32_t handle, Op op)
+int in_txn(uint32_t handle, unsigned flags, Op op)
 {
     Shared &s = shared();
     std::lock_guard lock(s.mu);
@@ -195,11 +190,17 @@ int write_txn(uint32_t handle, Op op)
     if (int rc = s.store.dbi_of(handle, dbi); rc != 0)
         return rc;
     Txn txn;
-    if (int rc = txn.begin(s.store.env(), 0); rc != 0)
+    if (int rc = txn.begin(s.store.env(), flags); rc != 0)
         return rc;
     if (int rc = op(txn.get(), dbi); rc != 0)
         return rc;
-    return txn.commit();
+    return (flags & MDB_RDONLY) != 0 ? 0 : txn.commit();
+}
+
+template <typename Op>
+int write_txn(uint32_t handle, Op op)
+{
+    return in_txn(handle, 0, op);
 }
 
 // Positions the handle's cursor with one cursor operation in a read transaction
@@ -354,19 +355,13 @@ int sim_kvs_count(uint32_t handle, uint64_t *count)
 {
     if (count == nullptr)
         return EINVAL;
-    Shared &s = shared();
-    std::lock_guard lock(s.mu);
-    MDB_dbi dbi = 0;
-    if (int rc = s.store.dbi_of(handle, dbi); rc != 0)
-        return rc;
-    Txn txn;
-    if (int rc = txn.begin(s.store.env(), MDB_RDONLY); rc != 0)
-        return rc;
-    MDB_stat st{};
-    if (int rc = mdb_stat(txn.get(), dbi, &st); rc != 0)
-        return rc;
-    *count = st.ms_entries;
-    return 0;
+    return in_txn(handle, MDB_RDONLY, [count](MDB_txn *txn, MDB_dbi dbi) {
+        MDB_stat st{};
+        if (int rc = mdb_stat(txn, dbi, &st); rc != 0)
+            return rc;
+        *count = st.ms_entries;
+        return 0;
+    });
 }
 
 int sim_kvs_drop(uint32_t handle)

@@ -125,18 +125,27 @@ std::optional<int> fail_now(const std::string &fn)
 
 uint32_t count_of(const tbl_params *p) { return p->num_entries < kMaxRequest ? p->num_entries : kMaxRequest; }
 
-void write_words(std::map<Addr, Bytes> &mem, const tbl_params *p, const uint8_t *src,
-                 unsigned width, Call &c)
+/* A recorded driver write of `width`-byte words, unless a fault is injected into `fn`. */
+int write_words(const char *fn, std::map<Addr, Bytes> &mem, const tbl_params *p,
+                const uint8_t *src, unsigned width)
 {
+    Call &c = record_p(fn, p);
+    if (auto r = fail_now(fn))
+        return *r;
     uint32_t n = count_of(p);
     c.in.push_back(copy(src, size_t(n) * width));
     for (uint32_t i = 0; i < n; ++i)
         mem[{p->inst, p->tbl_type, p->start_addr + i}] = copy(src + size_t(i) * width, width);
+    return 0;
 }
 
-void read_words(const std::map<Addr, Bytes> &mem, const tbl_params *p, uint8_t *dst,
-                unsigned width)
+/* A recorded driver read; words never written read as zeros. */
+int read_words(const char *fn, const std::map<Addr, Bytes> &mem, const tbl_params *p,
+               uint8_t *dst, unsigned width)
 {
+    record_p(fn, p);
+    if (auto r = fail_now(fn))
+        return *r;
     uint32_t n = count_of(p);
     for (uint32_t i = 0; i < n; ++i) {
         auto it = mem.find({p->inst, p->tbl_type, p->start_addr + i});
@@ -145,6 +154,7 @@ void read_words(const std::map<Addr, Bytes> &mem, const tbl_params *p, uint8_t *
         else
             std::memset(dst + size_t(i) * width, 0, width);
     }
+    return 0;
 }
 
 Bytes handle_bytes(const void *h)
@@ -427,20 +437,12 @@ int fwd_get_cfg_info(uint8_t inst, void *cfg)
 
 int fwd_tcam_write(tbl_params *p, uint8_t *key)
 {
-    Call &c = record_p("fwd_tcam_write", p);
-    if (auto r = fail_now("fwd_tcam_write"))
-        return *r;
-    write_words(st().tcam, p, key, key_bytes(p->tbl_type), c);
-    return 0;
+    return write_words("fwd_tcam_write", st().tcam, p, key, key_bytes(p->tbl_type));
 }
 
 int fwd_tcam_read(tbl_params *p, uint8_t *keys)
 {
-    record_p("fwd_tcam_read", p);
-    if (auto r = fail_now("fwd_tcam_read"))
-        return *r;
-    read_words(st().tcam, p, keys, key_bytes(p->tbl_type));
-    return 0;
+    return read_words("fwd_tcam_read", st().tcam, p, keys, key_bytes(p->tbl_type));
 }
 
 int fwd_tcam_delete(tbl_params *p)
@@ -455,38 +457,22 @@ int fwd_tcam_delete(tbl_params *p)
 
 int fwd_ssram_write(tbl_params *p, uint8_t *words)
 {
-    Call &c = record_p("fwd_ssram_write", p);
-    if (auto r = fail_now("fwd_ssram_write"))
-        return *r;
-    write_words(st().ssram, p, words, 5, c);
-    return 0;
+    return write_words("fwd_ssram_write", st().ssram, p, words, 5);
 }
 
 int fwd_ssram_read(tbl_params *p, uint8_t *words)
 {
-    record_p("fwd_ssram_read", p);
-    if (auto r = fail_now("fwd_ssram_read"))
-        return *r;
-    read_words(st().ssram, p, words, 5);
-    return 0;
+    return read_words("fwd_ssram_read", st().ssram, p, words, 5);
 }
 
 int fwd_flow_result_write(tbl_params *p, uint8_t *words)
 {
-    Call &c = record_p("fwd_flow_result_write", p);
-    if (auto r = fail_now("fwd_flow_result_write"))
-        return *r;
-    write_words(st().flow, p, words, 5, c);
-    return 0;
+    return write_words("fwd_flow_result_write", st().flow, p, words, 5);
 }
 
 int fwd_flow_result_read(tbl_params *p, uint8_t *words)
 {
-    record_p("fwd_flow_result_read", p);
-    if (auto r = fail_now("fwd_flow_result_read"))
-        return *r;
-    read_words(st().flow, p, words, 5);
-    return 0;
+    return read_words("fwd_flow_result_read", st().flow, p, words, 5);
 }
 
 int fwd_acl_prio_write(tbl_params *p, uint8_t *values)
