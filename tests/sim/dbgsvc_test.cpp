@@ -1,5 +1,4 @@
 // Debug and history service of the simulated card.
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -15,16 +14,7 @@
 namespace tcamwrap::sim::test {
 namespace {
 
-// A history record as the library builds it: element, "func ", text and its zero.
-std::vector<uint8_t> record(uint32_t elem, const std::string &func, const std::string &text)
-{
-    std::vector<uint8_t> r(sizeof elem);
-    std::memcpy(r.data(), &elem, sizeof elem);
-    std::string body = func + " " + text;
-    r.insert(r.end(), body.begin(), body.end());
-    r.push_back(0);
-    return r;
-}
+constexpr uint32_t kUuid = 636, kEventId = 0x27C0000;
 
 // Captures what fn writes to stdout.
 template <typename Fn>
@@ -41,11 +31,15 @@ std::string capture_stdout(Fn fn)
     std::rewind(tmp);
     std::string out;
     char buf[512];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, tmp)) > 0)
+    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, tmp)) > 0;)
         out.append(buf, n);
     std::fclose(tmp);
     return out;
+}
+
+int log_uuid(const std::string &text, uint32_t len)
+{
+    return dbgsvc_his_log_event_for_uuid_inst(kUuid, kEventId, 0, 0, len, text.c_str());
 }
 
 class SimHist : public ::testing::Test {
@@ -56,83 +50,62 @@ protected:
 
 TEST_F(SimHist, ElementEventsGoToTheElementsRing)
 {
-    auto a = record(5, "tcamwrap_init", "first\n");
-    auto b = record(6, "tcamwrap_fwd_tcam_read", "other element\n");
-    auto c = record(5, "tcamwrap_init", "second\n");
-    for (auto *r : {&a, &b, &c}) {
-        ASSERT_EQ(dbgsvc_hist_event_subtype_check(0x730000, 5), 0);
-        ASSERT_EQ(dbgsvc_hist_event(0x730000, static_cast<uint32_t>(r->size()), r->data()), 0);
+    // A record as the library builds it: element, "func text" and its zero.
+    for (auto [elem, text] : {std::pair{5u, "f first"}, {6u, "f other"}, {5u, "f second"}}) {
+        std::vector<uint8_t> r(sizeof elem);
+        std::memcpy(r.data(), &elem, sizeof elem);
+        r.insert(r.end(), text, text + std::strlen(text) + 1);
+        ASSERT_EQ(dbgsvc_hist_event(0x730000, static_cast<uint32_t>(r.size()), r.data()), 0);
     }
     EXPECT_EQ(sim_hist_count(SIM_HIST_ELEM, 5), 2u);
     EXPECT_EQ(sim_hist_count(SIM_HIST_ELEM, 6), 1u);
-    EXPECT_STREQ(sim_hist_text(SIM_HIST_ELEM, 5, 0), "tcamwrap_init second\n");
-    EXPECT_STREQ(sim_hist_text(SIM_HIST_ELEM, 5, 1), "tcamwrap_init first\n");
+    EXPECT_STREQ(sim_hist_text(SIM_HIST_ELEM, 5, 0), "f second");
+    EXPECT_STREQ(sim_hist_text(SIM_HIST_ELEM, 5, 1), "f first");
     EXPECT_EQ(sim_hist_text(SIM_HIST_ELEM, 5, 2), nullptr);
     EXPECT_EQ(sim_hist_count(SIM_HIST_UUID, 5), 0u) << "element and uuid rings are apart";
-
     uint32_t tiny = 0;
     EXPECT_EQ(dbgsvc_hist_event(0x730000, 2, &tiny), -1) << "shorter than its element";
-    EXPECT_EQ(dbgsvc_hist_event(0x730000, 8, nullptr), -1);
 }
 
 TEST_F(SimHist, RingKeepsTheNewestEventsThatFitItsSize)
 {
-    ASSERT_EQ(dbgsvc_hist_init_for_uuid(636, 100), 0);
+    ASSERT_EQ(dbgsvc_hist_init_for_uuid(kUuid, 100), 0);
     for (int i = 0; i < 10; ++i) {
         std::string text = "event " + std::to_string(i) + std::string(20, '.');  // 28 bytes
-        ASSERT_EQ(dbgsvc_his_log_event_for_uuid_inst(636, 0x27C0000, 0, 0,
-                                                      static_cast<uint32_t>(text.size() + 1), text.c_str()),
-                  0);
+        ASSERT_EQ(log_uuid(text, static_cast<uint32_t>(text.size() + 1)), 0);
     }
-    EXPECT_EQ(sim_hist_count(SIM_HIST_UUID, 636), 3u);
-    EXPECT_EQ(std::string(sim_hist_text(SIM_HIST_UUID, 636, 0)).substr(0, 7), "event 9");
-    EXPECT_EQ(std::string(sim_hist_text(SIM_HIST_UUID, 636, 2)).substr(0, 7), "event 7");
-
-    // A text is cut at the length given, and at its first zero byte.
-    ASSERT_EQ(dbgsvc_his_log_event_for_uuid_inst(636, 0x27C0000, 0, 0, 4, "abcdef"), 0);
-    EXPECT_STREQ(sim_hist_text(SIM_HIST_UUID, 636, 0), "abcd");
-    EXPECT_EQ(dbgsvc_hist_init_for_uuid(1, 0), -1);
+    EXPECT_EQ(sim_hist_count(SIM_HIST_UUID, kUuid), 3u);
+    EXPECT_EQ(std::string(sim_hist_text(SIM_HIST_UUID, kUuid, 0)).substr(0, 7), "event 9");
+    EXPECT_EQ(std::string(sim_hist_text(SIM_HIST_UUID, kUuid, 2)).substr(0, 7), "event 7");
+    ASSERT_EQ(log_uuid("abcdef", 4), 0);
+    EXPECT_STREQ(sim_hist_text(SIM_HIST_UUID, kUuid, 0), "abcd") << "cut at the length given";
 }
 
 TEST_F(SimHist, ShowPrintsTheRingOfTheUuid)
 {
-    ASSERT_EQ(dbgsvc_hist_init_for_uuid(636, 0x10000), 0);
-    ASSERT_EQ(dbgsvc_his_log_event_for_uuid_inst(636, 0x27C0000, 0, 0, 6, "hello"), 0);
-    ASSERT_EQ(dbgsvc_his_log_event_for_uuid_inst(636, 0x27C0000, 0, 0, 6, "world"), 0);
+    ASSERT_EQ(log_uuid("hello", 6), 0);
+    ASSERT_EQ(log_uuid("world", 6), 0);
     uint32_t pair[2] = {0xFE000000, 0};
-    std::string out = capture_stdout([&] { EXPECT_EQ(dbgshim_show_hist_inst(nullptr, pair, 636, 0, 0), 0); });
+    std::string out = capture_stdout([&] { EXPECT_EQ(dbgshim_show_hist_inst(nullptr, pair, kUuid, 0, 0), 0); });
     EXPECT_EQ(out, "history of 636: 2 events\n    hello\n    world\n");
 
     // With a printer registered, each event goes through it.
-    static std::vector<std::string> printed;
-    static std::vector<uint32_t> ids;
+    static std::vector<std::pair<std::string, uint32_t>> printed;
     printed.clear();
-    ids.clear();
-    sim_hist_set_printer(636, [](const char *text, uint32_t v1, uint32_t, const uint32_t *stamp,
-                                 uint32_t) {
-        printed.emplace_back(text);
-        ids.push_back(v1);
-        return stamp != nullptr ? 0 : -1;
+    sim_hist_set_printer(kUuid, [](const char *text, uint32_t v1, uint32_t, const uint32_t *, uint32_t) {
+        printed.emplace_back(text, v1);
+        return 0;
     });
-    capture_stdout([&] { dbgshim_show_hist_inst(nullptr, pair, 636, 0, 0); });
-    EXPECT_EQ(printed, (std::vector<std::string>{"hello", "world"}));
-    EXPECT_EQ(ids, (std::vector<uint32_t>{0x27C0000, 0x27C0000}));
-
-    uint32_t stamp[2] = {12, 34};
-    out = capture_stdout([&] { dbgsvc_hist_print_event_header(3, "tcamwrap", 0x27C0000, stamp); });
-    EXPECT_EQ(out, "#3 12.000034 tcamwrap event 0x27c0000\n");
+    capture_stdout([&] { dbgshim_show_hist_inst(nullptr, pair, kUuid, 0, 0); });
+    EXPECT_EQ(printed, (std::vector<std::pair<std::string, uint32_t>>{{"hello", kEventId}, {"world", kEventId}}));
 }
 
-TEST(SimDbg, ElementCheckFollowsTheList)
+TEST(SimDbg, ElementCheckFollowsTheListAndOutputGoesToTheFile)
 {
     const struct {
         const char *list;
         std::vector<uint32_t> yes, no;
-    } cases[] = {
-        {"all", {0, 5, 0xFFFFFFFF}, {}},
-        {"5,7", {5, 7}, {0, 6}},
-        {"", {}, {0, 5}},
-    };
+    } cases[] = {{"all", {0, 5, 0xFFFFFFFF}, {}}, {"5,7", {5, 7}, {0, 6}}, {"", {}, {0, 5}}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.list);
         ASSERT_EQ(sim_dbgsvc_set_debug_elems(c.list), 0);
@@ -145,20 +118,16 @@ TEST(SimDbg, ElementCheckFollowsTheList)
     EXPECT_EQ(sim_dbgsvc_set_debug_elems("5,x"), -1);
     EXPECT_NE(dbgsvc_chk_int(5, 0, 0, 1), 0) << "a malformed list keeps the old one";
     sim_dbgsvc_set_debug_elems(nullptr);
-}
 
-TEST(SimDbg, DebugOutputFormatsIntoTheFile)
-{
     ScopedSimState state;
     std::string path = state.dir() + "/debug.txt";
     ASSERT_EQ(sim_dbgsvc_set_debug_file(path.c_str()), 0);
     dbgout_func(1, &dbgsvc_dbg_modname, "tcamwrap_init", 0, "inst: %d tbl_type: %d\n", 1, 3);
-    dbgout_func(1, &dbgsvc_dbg_modname, "f", 0, "%s\n", "two");
     ASSERT_EQ(sim_dbgsvc_set_debug_file(nullptr), 0);
     std::ifstream in(path);
     std::stringstream text;
     text << in.rdbuf();
-    EXPECT_EQ(text.str(), "[tcamwrap] tcamwrap_init: inst: 1 tbl_type: 3\n[tcamwrap] f: two\n");
+    EXPECT_EQ(text.str(), "[tcamwrap] tcamwrap_init: inst: 1 tbl_type: 3\n");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -77,11 +78,10 @@ inline int run_in_child(const std::function<int()> &fn)
     std::fflush(nullptr);
     pid_t pid = ::fork();
     if (pid == 0) {
-        int rc = 0;
+        int rc = 99;
         try {
             rc = fn();
         } catch (...) {
-            rc = 99;
         }
         ::_exit(rc);
     }
@@ -93,5 +93,44 @@ inline int run_in_child(const std::function<int()> &fn)
 
 inline bool exited_with(int status, int code) { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
 inline bool killed(int status) { return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL; }
+
+inline std::string read_all(std::FILE *f)
+{
+    std::string out;
+    char buf[4096];
+    std::rewind(f);
+    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;)
+        out.append(buf, n);
+    std::fclose(f);
+    return out;
+}
+
+struct ProgramRun {
+    int status = -1;
+    std::string out, err;
+};
+
+// Runs a test program as a new process (so it reads TCAMWRAP_SIM_FAULT at
+// start-up when fault_env is given); its status, stdout and stderr.
+inline ProgramRun run_program(const char *path, std::vector<std::string> args, const char *fault_env = nullptr)
+{
+    std::FILE *out = std::tmpfile(), *err = std::tmpfile();
+    std::vector<char *> argv{const_cast<char *>(path)};
+    for (auto &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    ProgramRun run;
+    run.status = run_in_child([&] {
+        if (fault_env != nullptr)
+            ::setenv("TCAMWRAP_SIM_FAULT", fault_env, 1);
+        if (::dup2(::fileno(out), STDOUT_FILENO) < 0 || ::dup2(::fileno(err), STDERR_FILENO) < 0)
+            return 126;
+        ::execv(path, argv.data());
+        return 127;
+    });
+    run.out = read_all(out);
+    run.err = read_all(err);
+    return run;
+}
 
 }  // namespace tcamwrap::sim::test

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 namespace tw {
@@ -74,40 +75,15 @@ protected:
     bool have_saved_ = false;
 };
 
-/* The report split at its zero bytes. */
-std::vector<std::string> pieces(const std::string &s)
-{
-    std::vector<std::string> out;
-    std::string cur;
-    for (char c : s) {
-        if (c == '\0') {
-            out.push_back(cur);
-            cur.clear();
-        } else {
-            cur.push_back(c);
-        }
-    }
-    out.push_back(cur);   /* the backtrace, without a zero byte */
-    return out;
-}
-
 void expect_report(const std::string &report, const char *func, int line)
 {
-    std::vector<std::string> p = pieces(report);
+    std::vector<std::string> p = split_at_nul(report);   /* the backtrace has no zero byte */
     ASSERT_GE(p.size(), 4u) << report;
     EXPECT_EQ(p[0], "\n\n" + std::string(63, '-') + "\n");
     /* "ASSERT: <%F %T>: file %s, function %s, line %d, pid: %d \n" */
     const std::string &h = p[1];
     ASSERT_GT(h.size(), 29u) << h;
-    EXPECT_EQ(h.substr(0, 8), "ASSERT: ");
-    const std::string stamp = h.substr(8, 19);
-    for (size_t i = 0; i < stamp.size(); ++i) {
-        char want = "dddd-dd-dd dd:dd:dd"[i];
-        if (want == 'd')
-            EXPECT_TRUE(stamp[i] >= '0' && stamp[i] <= '9') << stamp;
-        else
-            EXPECT_EQ(stamp[i], want) << stamp;
-    }
+    EXPECT_TRUE(std::regex_match(h.substr(0, 27), std::regex("ASSERT: \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d"))) << h;
     EXPECT_EQ(h.substr(27), ": file " + std::string(kSource) + ", function " + func + ", line " +
                                 std::to_string(line) + ", pid: " + std::to_string(getpid()) + " \n");
     EXPECT_EQ(p[2], "\nBacktrace:\n");
@@ -122,28 +98,6 @@ TEST_F(AssertReport, MissingTableIsReportedAndTheCallGoesOn)
     EXPECT_EQ(report_missing_table(), -1);
     EXPECT_EQ(errno, EINVAL);
     expect_report(read_file(kFile), "tcamwrap_cb_orvex_tcam_restore", 1483);
-}
-
-TEST_F(AssertReport, MissingSlocValidTableIsLine1484)
-{
-    Table &t = table(0, FIB, 8, /*with_sloc_valid=*/false);
-    uint32_t w[3] = {};
-    errno = 0;
-    EXPECT_EQ(tcamwrap_cb_orvex_tcam_restore(t.handle(), 2, w, w, 72, 0, 0, 0), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(t.handle()->restored_entries, 0u);
-    expect_report(read_file(kFile), "tcamwrap_cb_orvex_tcam_restore", 1484);
-}
-
-TEST_F(AssertReport, ReportsAppend)
-{
-    report_missing_table();
-    std::string first = read_file(kFile);
-    report_missing_table();
-    std::string both = read_file(kFile);
-    ASSERT_GT(both.size(), first.size());
-    EXPECT_EQ(both.compare(0, first.size(), first), 0);
-    expect_report(both.substr(first.size()), "tcamwrap_cb_orvex_tcam_restore", 1483);
 }
 
 TEST_F(AssertReport, SizeLimitIsOneMebibyte)

@@ -63,32 +63,12 @@ TEST_F(Read, OrvexMiddleUnmappedGivesInvalidKeyAndPackedPriorities)
         ASSERT_EQ(reads.size(), 2u);
         const uint32_t slocs[2] = {5, 9};
         for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(reads[i].p.inst, 0);
-            EXPECT_EQ(reads[i].p.tbl_type, tbl);
-            EXPECT_EQ(reads[i].p.num_entries, 1u);
             EXPECT_EQ(reads[i].p.start_addr, 4u);   /* the caller's, not the loc */
             EXPECT_EQ(reads[i].p.opaque, 0x77u);
             EXPECT_EQ(reads[i].a, (std::vector<uint64_t>{slocs[i], 0}));
         }
         EXPECT_TRUE(fake::calls_with_prefix("fwd_").empty());
     }
-}
-
-TEST_F(Read, OrvexPlainReadMatchesReadWithPriority)
-{
-    three_entries(FIB, 0);
-    level(6);
-    Bytes keys(54, 0);
-    tbl_params p = params(0, FIB, 3, 0);
-    ASSERT_EQ(tcamwrap_fwd_tcam_read(&p, keys.data()), 0);
-    Bytes want = k0;
-    Bytes inv = ff(18);
-    want.insert(want.end(), inv.begin(), inv.end());
-    want.insert(want.end(), k2.begin(), k2.end());
-    EXPECT_EQ(keys, want);
-    /* The unmapped message is traced from level 6 on. */
-    EXPECT_EQ(fake::traces(),
-              (std::vector<Trace>{{kOrvexRead, "*** could not find sloc for loc: 0x1 returning invalid entry\n ***"}}));
 }
 
 TEST_F(Read, OrvexTrailingUnmappedEndsPrioritiesWithOneInvalid)
@@ -101,10 +81,7 @@ TEST_F(Read, OrvexTrailingUnmappedEndsPrioritiesWithOneInvalid)
     uint16_t prio[4] = {1, 2, 3, 4};
     tbl_params p = params(0, FIB, 4, 0);
     ASSERT_EQ(tcamwrap_fwd_tcam_read_with_priority(&p, keys.data(), prio), 0);
-    EXPECT_EQ(prio[0], 0x0042);
-    EXPECT_EQ(prio[1], 0xFFFF);
-    EXPECT_EQ(prio[2], 3);
-    EXPECT_EQ(prio[3], 4);
+    EXPECT_EQ(std::vector<uint16_t>(prio, prio + 4), (std::vector<uint16_t>{0x0042, 0xFFFF, 3, 4}));
     EXPECT_EQ(Bytes(keys.begin() + 18, keys.end()), ff(3 * 18));
 }
 
@@ -131,20 +108,6 @@ TEST_F(Read, OrvexLocBeyondTableFailsAfterEarlierEntries)
     EXPECT_EQ(fake::calls_of("orvex_tcam_read_entry").size(), 1u);
 }
 
-TEST_F(Read, OrvexWithoutTableFailsSilently)
-{
-    orvex(FIB);
-    table(0, FIB, 8);   /* instance 1 has no table */
-    level(6);
-    Bytes keys(18);
-    tbl_params p = params(1, FIB, 1, 0);
-    errno = 0;
-    EXPECT_EQ(tcamwrap_fwd_tcam_read(&p, keys.data()), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(fake::traces().empty()) << dump_traces();
-    EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
-}
-
 TEST_F(Read, OrvexReadFailureStopsTheRead)
 {
     orvex(FIB);
@@ -165,24 +128,8 @@ TEST_F(Read, OrvexReadFailureStopsTheRead)
     EXPECT_EQ(Bytes(keys.begin() + 36, keys.end()), Bytes(18, 0x33));
     EXPECT_EQ(prio[0], 1);
     EXPECT_EQ(prio[1], 0x7777);
-    EXPECT_EQ(prio[2], 0x7777);
-    EXPECT_EQ(fake::calls_of("orvex_tcam_read_entry").size(), 2u);
     EXPECT_EQ(fake::traces(), (std::vector<Trace>{{kOrvexRead, "*** orvex_tcam_read_entry() failed: " +
                                                                    err_text(EIO) + " ***\n"}}));
-}
-
-TEST_F(Read, ReadsDoNotBroadcastInstance254)
-{
-    /* tcam3: the driver gets 254 as given. */
-    orvex(FIB, false);
-    fake::card().num_insts = 2;
-    tcamwrap_gl_db.num_insts = 2;
-    Bytes keys(18);
-    tbl_params p = params(254, FIB, 1, 3);
-    EXPECT_EQ(tcamwrap_fwd_tcam_read(&p, keys.data()), 0);
-    auto r = fake::calls_of("fwd_tcam_read");
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].p.inst, 254);
 }
 
 TEST_F(Read, Tcam3PassesTheCallersRequestThrough)
@@ -202,41 +149,6 @@ TEST_F(Read, Tcam3PassesTheCallersRequestThrough)
     EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
 }
 
-TEST_F(Read, Tcam3ReadWithPriorityGivesAllInvalidPriorities)
-{
-    orvex(FIB, false);
-    uint16_t prio[4] = {1, 2, 3, 4};
-    Bytes keys(3 * 18);
-    tbl_params p = params(0, FIB, 3, 0);
-    ASSERT_EQ(tcamwrap_fwd_tcam_read_with_priority(&p, keys.data(), prio), 0);
-    EXPECT_EQ(prio[0], 0xFFFF);
-    EXPECT_EQ(prio[1], 0xFFFF);
-    EXPECT_EQ(prio[2], 0xFFFF);
-    EXPECT_EQ(prio[3], 4);
-    EXPECT_EQ(fake::calls_of("fwd_tcam_read").size(), 1u);
-}
-
-TEST_F(Read, Tcam3DriverFailure)
-{
-    orvex(FIB, false);
-    fake::fail("fwd_tcam_read", 17, EFAULT);
-    level(3);
-    Bytes keys(18);
-    uint16_t prio = 0;
-    tbl_params p = params(0, FIB, 1, 0);
-    for (bool with_prio : {false, true}) {
-        fake::clear_traces();
-        errno = 0;
-        int rc = with_prio ? tcamwrap_fwd_tcam_read_with_priority(&p, keys.data(), &prio)
-                           : tcamwrap_fwd_tcam_read(&p, keys.data());
-        EXPECT_EQ(rc, 17);
-        EXPECT_EQ(errno, EFAULT);
-        const char *func = with_prio ? "tcamwrap_fwd_tcam_read_with_priority" : "tcamwrap_fwd_tcam_read";
-        EXPECT_EQ(fake::traces(),
-                  (std::vector<Trace>{{func, "*** fwd_tcam_read() failed: " + err_text(EFAULT) + " ***\n"}}));
-    }
-}
-
 TEST_F(Read, ArgumentChecks)
 {
     orvex(FIB);
@@ -251,13 +163,10 @@ TEST_F(Read, ArgumentChecks)
     };
     const Case cases[] = {
         {"null params", params(0, FIB, 1, 0), true, false, false, false, {"tcamwrap_fwd_tcam_read", "*** NULL params ***\n"}},
-        {"null keys", params(0, FIB, 1, 0), false, true, false, false, {"tcamwrap_fwd_tcam_read", "*** NULL params ***\n"}},
         {"null prio", params(0, FIB, 1, 0), false, false, true, true,
          {"tcamwrap_fwd_tcam_read_with_priority", "*** NULL params ***\n"}},
         {"bad type", params(0, 4, 1, 0), false, false, false, true,
          {"tcamwrap_validate_tbl_type", "*** tbl_type: 4 is not valid ***\n"}},
-        {"type 0", params(0, 0, 1, 0), false, false, false, false,
-         {"tcamwrap_validate_tbl_type", "*** tbl_type: 0 is not valid ***\n"}},
         {"no entries", params(0, FIB, 0, 0), false, false, false, false,
          {"tcamwrap_validate_tbl_params", "*** number of entries passed as 0 ***\n"}},
     };

@@ -10,14 +10,6 @@ namespace {
 const char *const kInit = "tcamwrap_init";
 const char *const kPost = "tcamwrap_post_restore";
 
-tcamwrap_cb_handle handle_of(const fake::Call &c)
-{
-    tcamwrap_cb_handle h{};
-    if (c.handle.size() == sizeof h)
-        std::memcpy(&h, c.handle.data(), sizeof h);
-    return h;
-}
-
 uint64_t addr(const void *p) { return uint64_t(reinterpret_cast<uintptr_t>(p)); }
 template <typename F>
 uint64_t fn_addr(F *f) { return uint64_t(reinterpret_cast<uintptr_t>(reinterpret_cast<void *>(f))); }
@@ -27,92 +19,44 @@ class Startup : public LibTest {};
 TEST_F(Startup, FreshStartOfTwoInstancesWithEveryTableOnOrvex)
 {
     fake::card().num_insts = 2;
-    fake::card().size[ACLI] = 300;
-    fake::card().size[ACLO] = 200;
-    fake::card().size[FIB] = 100;
+    const uint32_t sizes[4] = {0, 300, 200, 100}, widths[4] = {0, 144, 144, 72};
+    for (uint32_t t = 1; t <= 3; ++t)
+        fake::card().size[t] = sizes[t];
     ASSERT_EQ(start({1, 2, 3}, 0, 7, 5, 0x15), 0);
-
     EXPECT_EQ(tcamwrap_gl_db.num_insts, 2u);
-    EXPECT_EQ(tcamwrap_gl_db.debug_elem, 5u);
-    EXPECT_EQ(tcamwrap_gl_db.debug_level, 7u);
-    EXPECT_EQ(tcamwrap_gl_db.fac_num, 0x15u);
-    EXPECT_EQ(tcamwrap_gl_db.init_type, 0u);
-    EXPECT_EQ(tcamwrap_gl_db.kvs_handle, 0x51u);
-    ASSERT_NE(tcamwrap_gl_db.kvs_key_prefix, nullptr);
-    EXPECT_EQ(tcamwrap_gl_db.kvs_key_prefix->len, 4u);
-    ASSERT_NE(tcamwrap_gl_db.kvs_key.data, nullptr);
-    EXPECT_EQ(tcamwrap_gl_db.kvs_key.len, 4u);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(tcamwrap_gl_db.kvs_key.data), 4), prefix_str());
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(tcamwrap_gl_db.kvs_key.data), tcamwrap_gl_db.kvs_key.len),
+              prefix_str());
     EXPECT_EQ(Bytes(tcamwrap_gl_db.is_orvex, tcamwrap_gl_db.is_orvex + 4), (Bytes{0, 1, 1, 1}));
-
-    const uint32_t sizes[4] = {0, 300, 200, 100};
-    for (unsigned inst = 0; inst < 2; ++inst)
-        for (uint32_t t = 0; t < 10; ++t) {
-            SCOPED_TRACE(testing::Message() << "inst " << inst << " tbl " << t);
-            tcam_info *ti = info(inst, t);
-            if (t < 1 || t > 3) {
-                EXPECT_EQ(ti, nullptr);
-                continue;
-            }
-            ASSERT_NE(ti, nullptr);
-            EXPECT_EQ(ti->lmt_sz, sizes[t]);
-            EXPECT_EQ(ti->sloc_valid, nullptr);
-            for (uint32_t i = 0; i < sizes[t]; ++i) {
-                ASSERT_EQ(ti->lmt[i], INV);
-                ASSERT_EQ(ti->rlmt[i], INV);
-            }
-        }
     EXPECT_TRUE(fake::calls_with_prefix("kvs_").empty());
-
-    EXPECT_EQ(fake::call_names({"fwd_", "get_card", "orvex_", "dbgsvc_hist_init"}),
-              (std::vector<std::string>{"dbgsvc_hist_init_for_uuid", "fwd_get_cfg_info", "get_card_tcam_types",
-                                        "fwd_get_cfg_info", "orvex_tcam_init", "orvex_tcam_init", "orvex_tcam_init",
-                                        "fwd_get_cfg_info", "orvex_tcam_init", "orvex_tcam_init", "orvex_tcam_init"}));
-    EXPECT_EQ(fake::calls_of("dbgsvc_hist_init_for_uuid")[0].a, (std::vector<uint64_t>{636, 0x10000}));
-    std::vector<uint64_t> cfg_insts;
-    for (const fake::Call &c : fake::calls_of("fwd_get_cfg_info"))
-        cfg_insts.push_back(c.a[0]);
-    EXPECT_EQ(cfg_insts, (std::vector<uint64_t>{0, 0, 1}));
-
+    EXPECT_EQ(fake::call_names({"fwd_", "get_card", "orvex_"}),
+              (std::vector<std::string>{"fwd_get_cfg_info", "get_card_tcam_types", "fwd_get_cfg_info",
+                                        "orvex_tcam_init", "orvex_tcam_init", "orvex_tcam_init", "fwd_get_cfg_info",
+                                        "orvex_tcam_init", "orvex_tcam_init", "orvex_tcam_init"}));
     auto inits = fake::calls_of("orvex_tcam_init");
     ASSERT_EQ(inits.size(), 6u);
-    const uint32_t widths[4] = {0, 144, 144, 72};
     for (size_t i = 0; i < 6; ++i) {
         unsigned inst = unsigned(i / 3);
         uint32_t t = uint32_t(i % 3 + 1);
-        SCOPED_TRACE(testing::Message() << "orvex_tcam_init #" << i);
-        const void *h = &info(inst, t)->cb_handle;
+        SCOPED_TRACE(testing::Message() << "inst " << inst << " tbl " << t);
+        tcam_info *ti = info(inst, t);
+        ASSERT_NE(ti, nullptr);
+        EXPECT_EQ(ti->lmt_sz, sizes[t]);
+        EXPECT_EQ(std::count(ti->lmt, ti->lmt + sizes[t], INV), sizes[t]);
+        EXPECT_EQ(std::count(ti->rlmt, ti->rlmt + sizes[t], INV), sizes[t]);
+        const void *h = &ti->cb_handle;
         EXPECT_EQ(inits[i].a, (std::vector<uint64_t>{inst, t, widths[t], fn_addr(&tcamwrap_cb_validate), addr(h),
                                                      fn_addr(&tcamwrap_cb_orvex_tcam_camindex), addr(h), 0,
                                                      fn_addr(&tcamwrap_cb_orvex_tcam_restore), addr(h), 5, 7}));
         tcamwrap_cb_handle hs = handle_of(inits[i]);
-        EXPECT_EQ(hs.inst, inst);
         EXPECT_EQ(hs.tbl_type, t);
-        EXPECT_EQ(hs.loc, 0u);
-        EXPECT_EQ(hs.acl_prio, 0);
-        EXPECT_EQ(Bytes(hs.ssram_data, hs.ssram_data + 5), Bytes(5, 0));
         EXPECT_EQ(hs.oper, TCAMWRAP_OPER_INIT);
-        EXPECT_EQ(hs.restored_entries, 0u);
     }
-
-    /* Traces of a fresh start at level 7; the first one is judged by the level
-     * the database held before the call (0 here). */
+    /* The first trace is judged by the level the database held before the call (0). */
     EXPECT_FALSE(traced(kInit, "num_tcams: 3 init_type: 0x0 debug_elem: 5 fac_num: 21\n"));
-    std::vector<Trace> check = fake::traces_of("tcamwrap_check_for_orvex_tcam");
-    EXPECT_EQ(texts(check), (std::vector<std::string>{"querying tcam type by table type ...\n", "FIB tcam is Orvex!\n",
-                                                      "ACLI tcam is Orvex!\n", "ACLO tcam is Orvex!\n"}));
-    EXPECT_TRUE(traced(kInit, "total number of fwd instances in the linecard: 2\n")) << dump_traces();
-    EXPECT_TRUE(traced(kInit, "checking for orvex tcam..\n"));
-    EXPECT_TRUE(traced(kInit, "inst: 1 tbl_type: 2 lmt_sz: 200\n"));
-    EXPECT_FALSE(traced(kInit, "!! <0, 1> restore complete !!\n"));
-}
-
-TEST_F(Startup, FirstTraceUsesThePreviousLevel)
-{
-    level(7);
-    ASSERT_EQ(start({3}, 2, 0, 4, 9), 0);
-    EXPECT_TRUE(traced(kInit, "num_tcams: 1 init_type: 0x2 debug_elem: 4 fac_num: 9\n")) << dump_traces();
-    EXPECT_EQ(fake::traces().size(), 1u) << dump_traces();
+    EXPECT_EQ(texts(fake::traces_of("tcamwrap_check_for_orvex_tcam")),
+              (std::vector<std::string>{"querying tcam type by table type ...\n", "FIB tcam is Orvex!\n",
+                                        "ACLI tcam is Orvex!\n", "ACLO tcam is Orvex!\n"}));
+    EXPECT_TRUE(traced(kInit, "inst: 1 tbl_type: 2 lmt_sz: 200\n")) << dump_traces();
 }
 
 TEST_F(Startup, Tcam3TypesAreSkipped)
@@ -123,14 +67,9 @@ TEST_F(Startup, Tcam3TypesAreSkipped)
     ASSERT_EQ(start({1, 2, 3}, 1, 6), 0);
     EXPECT_EQ(texts(fake::traces_of("tcamwrap_check_for_orvex_tcam")),
               (std::vector<std::string>{"FIB tcam is tcam3!\n", "ACLI tcam is tcam3!\n", "ACLO tcam is tcam3!\n"}));
-    EXPECT_EQ(texts(fake::traces_of(kInit)),
-              (std::vector<std::string>{"total number of fwd instances in the linecard: 1\n",
-                                        "Orvex TCAM is not present. Skipping remaining initialization ..\n",
-                                        "Orvex TCAM is not present. Skipping remaining initialization ..\n",
-                                        "Orvex TCAM is not present. Skipping remaining initialization ..\n"}));
-    for (unsigned i = 0; i < 2; ++i)
-        for (unsigned t = 0; t < 10; ++t)
-            EXPECT_EQ(info(i, t), nullptr);
+    EXPECT_EQ(fake::traces_of(kInit).size(), 4u) << dump_traces();
+    EXPECT_TRUE(traced(kInit, "Orvex TCAM is not present. Skipping remaining initialization ..\n"));
+    EXPECT_EQ(info(0, FIB), nullptr);
     EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
     EXPECT_TRUE(fake::calls_with_prefix("kvs_").empty());
 }
@@ -147,34 +86,6 @@ TEST_F(Startup, ZeroTablesIsRejectedBeforeTheDatabaseIsZeroed)
     EXPECT_EQ(tcamwrap_gl_db.debug_level, 3u);
     EXPECT_EQ(fake::traces(), (std::vector<Trace>{{kInit, "*** number of tcams passed are 0 ***\n"}}));
     EXPECT_TRUE(fake::calls_with_prefix("fwd_").empty());
-}
-
-TEST_F(Startup, ThreeInstancesAreRejectedAfterTheDatabaseWasSetUp)
-{
-    fake::card().num_insts = 3;
-    tcamwrap_gl_db.reserved[0] = 0x1234;
-    errno = 0;
-    EXPECT_EQ(start({3}, 0, 2, 0, 0x33), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(tcamwrap_gl_db.reserved[0], 0u);
-    EXPECT_EQ(tcamwrap_gl_db.fac_num, 0x33u);
-    EXPECT_EQ(tcamwrap_gl_db.kvs_key.len, 4u);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(tcamwrap_gl_db.kvs_key.data), 4), prefix_str());
-    EXPECT_EQ(fake::traces(),
-              (std::vector<Trace>{{kInit, "*** total fwd instances 3 are more than supported by tcamwrap library 2 ***\n"}}));
-    EXPECT_TRUE(fake::calls_of("get_card_tcam_types").empty());
-}
-
-TEST_F(Startup, InvalidTypeAfterAValidOne)
-{
-    level(0);
-    errno = 0;
-    EXPECT_EQ(start({3, 0}, 0, 3), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_NE(info(0, FIB), nullptr);
-    EXPECT_TRUE(fake::calls_of("orvex_tcam_init").empty());
-    EXPECT_EQ(fake::calls_of("fwd_get_cfg_info").size(), 1u);
-    EXPECT_TRUE(traced("tcamwrap_validate_tbl_type", "*** tbl_type: 0 is not valid ***\n")) << dump_traces();
 }
 
 TEST_F(Startup, PlatformFailures)
@@ -212,66 +123,21 @@ TEST_F(Startup, PlatformFailures)
 
 /* ---- the restore callback ------------------------------------------------------------ */
 
-TEST_F(Startup, RestoreCallbackRecordsHardwareEntries)
+TEST_F(Startup, RestoreCallbackRecordsHardwareEntriesInsideTheTable)
 {
+    /* The sloc-valid table of the test is exactly 16 bytes: the ASan build
+     * catches any write beyond it. */
     Table &t = table(0, FIB, 16, true);
     level(6);
     uint32_t w[5] = {1, 2, 3, 4, 5};
     for (uint32_t s : {3u, 9u, 3u})
         EXPECT_EQ(tcamwrap_cb_orvex_tcam_restore(t.handle(), s, w, w, 72, 0, 0, 0), 0);
     EXPECT_EQ(t.handle()->restored_entries, 3u);
+    EXPECT_TRUE(fake::traces().empty()) << dump_traces();
+    for (uint32_t s : {16u, 0xFFFFFFF0u})
+        tcamwrap_cb_orvex_tcam_restore(t.handle(), s, w, w, 72, 0, 0, 0);
     for (uint32_t s = 0; s < 16; ++s)
         EXPECT_EQ(t.sloc_valid[s], (s == 3 || s == 9) ? 1 : 0) << "sloc " << s;
-    EXPECT_TRUE(fake::traces().empty()) << dump_traces();
-}
-
-TEST_F(Startup, RestoreCallbackTraceForms)
-{
-    Table &t = table(0, ACLI, 64, true);
-    level(7);
-    const uint32_t v[5] = {0x11111111, 0x22222222, 0x33333333, 0x44444444, 0xABCD};
-    const uint32_t m[5] = {0xF0000000, 0x0F000000, 0x00F00000, 0x000F0000, 0x1};
-    struct {
-        uint32_t width;
-        std::string want;
-    } cases[] = {
-        {72, ""},   /* filled in below from the words */
-        {144, "restoring entry 2, camindex: 2a value:abcd44444444333333332222222211111111 mask: 0001000f000000f00000"
-              "0f000000f0000000  bnk: 1 tbl: 1b priority:  abc\n"},
-        {0, "restoring entry 3, camindex: 2a value:abcd44444444333333332222222211111111 mask: 0001000f000000f00000"
-            "0f000000f0000000  bnk: 1 tbl: 1b priority:  abc\n"},
-    };
-    /* Narrow form: value words 2,1,0 with %2.2x%8.8x%8.8x. */
-    cases[0].want = fmt("restoring entry 1, camindex: 2a value:%2.2x%8.8x%8.8x mask: %2.2x%8.8x%8.8x bnk: 1 tbl: 1b priority:  abc\n",
-                        v[2], v[1], v[0], m[2], m[1], m[0]);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << "width " << c.width);
-        fake::clear_traces();
-        EXPECT_EQ(tcamwrap_cb_orvex_tcam_restore(t.handle(), 0x2a, v, m, c.width, 1, 0x1b, 0xabc), 0);
-        EXPECT_EQ(fake::traces(), (std::vector<Trace>{{"tcamwrap_cb_orvex_tcam_restore", c.want}}));
-    }
-}
-
-TEST_F(Startup, RestoreCallbackRejectsANullHandle)
-{
-    level(3);
-    errno = 0;
-    EXPECT_EQ(tcamwrap_cb_orvex_tcam_restore(nullptr, 1, nullptr, nullptr, 72, 0, 0, 0), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{"tcamwrap_cb_orvex_tcam_restore",
-                                                   "*** Null handle passed to tcamwrap_cb_orvex_tcam_restore ***\n"}}));
-}
-
-TEST_F(Startup, RestoreCallbackStaysInsideTheTable)
-{
-    /* The sloc-valid table of the test is exactly 16 bytes: the ASan build
-     * catches any write beyond it. */
-    Table &t = table(0, FIB, 16, true);
-    uint32_t w[3] = {};
-    tcamwrap_cb_orvex_tcam_restore(t.handle(), 16, w, w, 72, 0, 0, 0);
-    tcamwrap_cb_orvex_tcam_restore(t.handle(), 0xFFFFFFF0u, w, w, 72, 0, 0, 0);
-    for (uint32_t s = 0; s < 16; ++s)
-        EXPECT_EQ(t.sloc_valid[s], 0) << s;
 }
 
 /* ---- the validate callback ------------------------------------------------------------ */
@@ -282,11 +148,9 @@ TEST_F(Startup, ValidateDecisions)
         const char *name;
         uint32_t tbl;
         uint8_t aclp;
-        uint32_t sloc;
-        uint32_t table_size;
+        uint32_t sloc, table_size;
         bool partner_owned;
-        uint8_t partner_bit;
-        uint8_t answer;
+        uint8_t partner_bit, answer;
         bool reads;
         std::vector<std::string> texts;
     };
@@ -312,10 +176,7 @@ TEST_F(Startup, ValidateDecisions)
             acli.map(3, adj);
         fake::set_acl_prio(1, ACLI, adj, c.partner_bit);
         tcamwrap_cb_handle h{};
-        h.inst = 1;
-        h.tbl_type = c.tbl;
-        h.loc = 0x21;
-        h.acl_prio = c.aclp;
+        h.inst = 1, h.tbl_type = c.tbl, h.loc = 0x21, h.acl_prio = c.aclp;
         level(7);
         uint8_t answer = 0xEE;
         EXPECT_EQ(tcamwrap_cb_validate(&h, c.sloc, &answer), 0);
@@ -327,11 +188,7 @@ TEST_F(Startup, ValidateDecisions)
         auto reads = fake::calls_of("fwd_acl_prio_read");
         ASSERT_EQ(reads.size(), c.reads ? 1u : 0u);
         if (c.reads) {
-            EXPECT_EQ(reads[0].p.inst, 1);
-            EXPECT_EQ(reads[0].p.tbl_type, ACLI);
-            EXPECT_EQ(reads[0].p.num_entries, 1u);
             EXPECT_EQ(reads[0].p.start_addr, adj);
-            EXPECT_EQ(reads[0].p.opaque, 0u);
         }
         /* At level 5 only a refusal is traced. */
         fake::clear_traces();
@@ -341,41 +198,20 @@ TEST_F(Startup, ValidateDecisions)
     }
 }
 
-TEST_F(Startup, ValidateFailures)
+TEST_F(Startup, ValidateReadFailureRefuses)
 {
     level(3);
-    uint8_t answer = 0xEE;
-    errno = 0;
-    EXPECT_EQ(tcamwrap_cb_validate(nullptr, 4, &answer), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(answer, 0);
-    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{"tcamwrap_cb_validate", "*** handle is passed as NULL ***\n"}}));
-
-    Table &acli = table(0, ACLI, 16);
-    acli.map(2, 5);
+    table(0, ACLI, 16).map(2, 5);
     fake::fail("fwd_acl_prio_read", 12, ETIMEDOUT);
     tcamwrap_cb_handle h{};
     h.tbl_type = ACLI;
-    fake::clear_traces();
-    answer = 0xEE;
+    uint8_t answer = 0xEE;
     errno = 0;
     EXPECT_EQ(tcamwrap_cb_validate(&h, 4, &answer), 12);
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_EQ(answer, 0);
     EXPECT_EQ(fake::traces(), (std::vector<Trace>{{"tcamwrap_cb_validate",
                                                    "*** fwd_acl_prio_read() failed: " + err_text(ETIMEDOUT) + " ***\n"}}));
-}
-
-TEST_F(Startup, ValidateWithoutAnAcliTableReadsThePartner)
-{
-    tcamwrap_cb_handle h{};
-    h.tbl_type = ACLI;
-    fake::set_acl_prio(0, ACLI, 9, 1);
-    level(7);
-    uint8_t answer = 0;
-    EXPECT_EQ(tcamwrap_cb_validate(&h, 8, &answer), 0);
-    EXPECT_EQ(answer, 1);
-    EXPECT_TRUE(traced("tcamwrap_cb_validate", "reading acl_prio bit of adj_loc: 0x9 adj_sloc: 0x9\n")) << dump_traces();
 }
 
 /* ---- restart and reconciliation ---------------------------------------------------------- */
@@ -390,10 +226,7 @@ protected:
         fake::card().size[FIB] = kSize;
         lmt.assign(kSize, INV);
     }
-    void store_lmt()
-    {
-        fake::store()[fake::store_key(prefix_str(), 2, 0, 3, 0)] = words_image(lmt.data(), lmt.size());
-    }
+    void store_lmt() { fake::store()[fake::store_key(prefix_str(), 2, 0, 3, 0)] = words_image(lmt.data(), lmt.size()); }
     static void store_journal(uint32_t loc, uint32_t old_sloc, uint32_t new_sloc)
     {
         uint32_t w[3] = {loc, old_sloc, new_sloc};
@@ -451,7 +284,6 @@ TEST_F(Restart, JournalStates)
 
         tcam_info *ti = info(0, FIB);
         ASSERT_NE(ti, nullptr);
-        EXPECT_EQ(ti->sloc_valid, nullptr);
         bool old_valid = std::find(c.hw.begin(), c.hw.end(), 9u) != c.hw.end();
         bool new_valid = std::find(c.hw.begin(), c.hw.end(), 20u) != c.hw.end();
         std::vector<std::string> want = {
@@ -476,16 +308,11 @@ TEST_F(Restart, JournalStates)
         ASSERT_EQ(del.size(), c.engine_delete ? 1u : 0u);
         if (c.engine_delete) {
             EXPECT_EQ(del[0].a[0], 9u);
-            EXPECT_EQ(del[0].p.num_entries, 1u);
-            EXPECT_EQ(del[0].p.start_addr, 9u);
-            EXPECT_EQ(del[0].p.opaque, 0u);
             tcamwrap_cb_handle h = handle_of(del[0]);
             EXPECT_EQ(h.oper, TCAMWRAP_OPER_POST_RESTORE);
             EXPECT_EQ(h.loc, 5u);
             EXPECT_EQ(fake::engine(0, FIB).entries.count(9), 0u);
-            EXPECT_EQ(ti->lmt[5], 20u) << "the engine's callbacks under oper 6 leave the LMT alone";
         }
-        EXPECT_TRUE(traced(kInit, fmt("inst: 0 tbl_type: 3 restored %zu entries from HW\n", c.hw.size())));
     }
 }
 
@@ -499,32 +326,6 @@ TEST_F(Restart, JournalWithALostMappingIsRepairedSafely)
     EXPECT_EQ(ti->lmt[5], 20u);
     EXPECT_EQ(ti->rlmt[20], 5u);
     EXPECT_FALSE(journal_present());
-}
-
-TEST_F(Restart, FailingDeleteOfTheOldCopyKeepsTheJournal)
-{
-    lmt[5] = 9;
-    hardware({9, 20});
-    store_journal(5, 9, 20);
-    fake::fail("orvex_tcam_delete_entry", 2, EIO);
-    ASSERT_EQ(restart(), 0);
-    EXPECT_TRUE(journal_present());
-    EXPECT_TRUE(traced(kPost, "*** <0, 3> orvex_tcam_delete_entry() failed: " + err_text(EIO) + " ***\n")) << dump_traces();
-    EXPECT_EQ(info(0, FIB)->sloc_valid, nullptr);
-}
-
-TEST_F(Restart, ConsistentTablesAreLeftAlone)
-{
-    lmt[0] = 3;
-    lmt[40] = 41;
-    hardware({3, 41});
-    ASSERT_EQ(restart(), 0);
-    EXPECT_TRUE(post_texts().empty()) << dump_traces();
-    EXPECT_TRUE(fake::calls_of("kvs_store").empty());
-    EXPECT_TRUE(fake::calls_of("orvex_tcam_delete_entry").empty());
-    EXPECT_EQ(info(0, FIB)->lmt[40], 41u);
-    EXPECT_EQ(info(0, FIB)->rlmt[41], 40u);
-    EXPECT_EQ(info(0, FIB)->cb_handle.restored_entries, 2u);
 }
 
 TEST_F(Restart, StrayMappingsAndOrphanEntriesAreRepaired)
@@ -541,71 +342,13 @@ TEST_F(Restart, StrayMappingsAndOrphanEntriesAreRepaired)
                                                       "<0, 3> Invalidating LMT entry at loc: 0x5\n",
                                                       "<0, 3> RLMT inconsistency found at sloc: 0xc ..!!\n",
                                                       "<0, 3> invalidating the entry at sloc: 0xc\n"}));
-    EXPECT_EQ(fake::calls_of("kvs_store").size(), 1u);
     EXPECT_EQ(fake::store()[fake::store_key(prefix_str(), 2, 0, 3, 0)], words_image(ti->lmt, kSize));
     auto del = fake::calls_of("orvex_tcam_delete_entry");
     ASSERT_EQ(del.size(), 1u);
     EXPECT_EQ(del[0].a[0], 12u);
-    EXPECT_EQ(del[0].p.start_addr, INV);
-    tcamwrap_cb_handle h = handle_of(del[0]);
-    EXPECT_EQ(h.oper, TCAMWRAP_OPER_POST_RESTORE);
-    EXPECT_EQ(h.loc, INV);
+    EXPECT_EQ(handle_of(del[0]).oper, TCAMWRAP_OPER_POST_RESTORE);
     EXPECT_EQ(fake::engine(0, FIB).entries.count(12), 0u);
-    for (uint32_t loc = 0; loc < kSize; ++loc) {
-        if (ti->lmt[loc] != INV) {
-            EXPECT_EQ(ti->rlmt[ti->lmt[loc]], loc);
-        }
-    }
 }
-
-TEST_F(Restart, FailingDeleteStopsTheRlmtScan)
-{
-    hardware({1, 2, 3, 4, 5});
-    fake::fail("orvex_tcam_delete_entry", 4, ENOENT, 3);
-    ASSERT_EQ(restart(), 0);
-    std::vector<uint64_t> deleted;
-    for (const fake::Call &c : fake::calls_of("orvex_tcam_delete_entry"))
-        deleted.push_back(c.a[0]);
-    EXPECT_EQ(deleted, (std::vector<uint64_t>{1, 2, 3}));
-    EXPECT_TRUE(traced(kPost, "*** <0, 3> orvex_tcam_delete_entry() failed: " + err_text(ENOENT) + " ***\n"))
-        << dump_traces();
-    EXPECT_EQ(fake::engine(0, FIB).entries.count(4), 1u);
-    EXPECT_EQ(info(0, FIB)->sloc_valid, nullptr);
-}
-
-TEST_F(Restart, RestartTracesAndRestoreEntryTexts)
-{
-    lmt[1] = 9;
-    hardware({9});
-    ASSERT_EQ(restart(7), 0);
-    Bytes k = make_key(FIB, 9);
-    auto hex = [](const uint8_t *b, size_t n) {
-        std::string s;
-        for (size_t i = 0; i < n; ++i)
-            s += fmt("%2.2x", b[i]);
-        return s;
-    };
-    EXPECT_TRUE(traced("tcamwrap_cb_orvex_tcam_restore",
-                       "restoring entry 1, camindex: 9 value:" + hex(k.data(), 9) + " mask: " + hex(k.data() + 9, 9) +
-                           " bnk: 0 tbl:  3 priority:    9\n"))
-        << dump_traces();
-    std::vector<std::string> init = texts(fake::traces_of(kInit));
-    auto at = std::find(init.begin(), init.end(), "!! <0, 3> restore complete !!\n");
-    ASSERT_NE(at, init.end()) << dump_traces();
-    ASSERT_GE(init.end() - at, 3);
-    EXPECT_EQ(at[1], "inst: 0 tbl_type: 3 restored 1 entries from HW\n");
-    EXPECT_EQ(at[2], "!! <0, 3> post restore complete !!\n");
-    EXPECT_TRUE(traced("tcamwrap_ha_overwrite_restore", "restoring overwrite <0 3> info from kvs..\n"));
-    auto inits = fake::calls_of("orvex_tcam_init");
-    ASSERT_EQ(inits.size(), 1u);
-    EXPECT_EQ(inits[0].a[7], 1u);   /* the restore flag */
-}
-
-}  // namespace
-}  // namespace tw
-
-namespace tw {
-namespace {
 
 /* A crash at every step of an overwrite: the store and the hardware are taken
  * as they were at that step, and a restart must end with exactly one copy of

@@ -79,19 +79,12 @@ struct Table {
     Table(uint8_t inst, uint32_t tbl, uint32_t size, bool with_sloc_valid = false)
         : lmt(size, INV), rlmt(size, INV), sloc_valid(size, 0)
     {
-        info.lmt_sz = size;
-        info.lmt = lmt.data();
-        info.rlmt = rlmt.data();
+        info.lmt_sz = size, info.lmt = lmt.data(), info.rlmt = rlmt.data();
         info.sloc_valid = with_sloc_valid ? sloc_valid.data() : nullptr;
-        info.cb_handle.inst = inst;
-        info.cb_handle.tbl_type = tbl;
+        info.cb_handle.inst = inst, info.cb_handle.tbl_type = tbl;
         tcamwrap_gl_db.tcam_info[inst][tbl] = &info;
     }
-    void map(uint32_t loc, uint32_t sloc)
-    {
-        lmt[loc] = sloc;
-        rlmt[sloc] = loc;
-    }
+    void map(uint32_t loc, uint32_t sloc) { lmt[loc] = sloc, rlmt[sloc] = loc; }
     tcamwrap_cb_handle *handle() { return &info.cb_handle; }
 };
 
@@ -128,11 +121,7 @@ protected:
 };
 
 /* The store key prefix used by every test that starts the library. */
-inline const std::string &prefix_str()
-{
-    static const std::string p = "tcw/";
-    return p;
-}
+inline const std::string &prefix_str() { static const std::string p = "tcw/"; return p; }
 
 /* Start the library on the fake card (fake::card() describes it). */
 inline int start(const std::vector<int32_t> &types, uint32_t init_type, uint32_t level,
@@ -153,11 +142,7 @@ inline tcam_info *info(unsigned inst, uint32_t tbl) { return tcamwrap_gl_db.tcam
 inline tbl_params params(uint8_t inst, uint32_t tbl, uint32_t n, uint32_t start, uint32_t opaque = 0)
 {
     tbl_params p{};
-    p.inst = inst;
-    p.tbl_type = tbl;
-    p.num_entries = n;
-    p.start_addr = start;
-    p.opaque = opaque;
+    p.inst = inst, p.tbl_type = tbl, p.num_entries = n, p.start_addr = start, p.opaque = opaque;
     return p;
 }
 
@@ -175,12 +160,49 @@ inline Bytes make_word(uint32_t seed)
     return Bytes{uint8_t(seed), uint8_t(seed >> 8), uint8_t(0xA0 ^ seed), uint8_t(seed * 3), 0x5C};
 }
 
+/* The LMT and RLMT are each other's inverse and name nothing beyond the table. */
+inline void expect_maps_consistent(const tcam_info *ti)
+{
+    for (uint32_t i = 0; i < ti->lmt_sz; ++i) {
+        if (ti->lmt[i] != INV) {
+            ASSERT_LT(ti->lmt[i], ti->lmt_sz) << "loc " << i;
+            EXPECT_EQ(ti->rlmt[ti->lmt[i]], i) << "loc " << i;
+        }
+        if (ti->rlmt[i] != INV) {
+            ASSERT_LT(ti->rlmt[i], ti->lmt_sz) << "sloc " << i;
+            EXPECT_EQ(ti->lmt[ti->rlmt[i]], i) << "sloc " << i;
+        }
+    }
+}
+
+/* The handle an engine call was given, as it was at the call. */
+inline tcamwrap_cb_handle handle_of(const fake::Call &c)
+{
+    tcamwrap_cb_handle h{};
+    EXPECT_EQ(c.handle.size(), sizeof h);
+    if (c.handle.size() == sizeof h)
+        std::memcpy(&h, c.handle.data(), sizeof h);
+    return h;
+}
+
 inline Bytes ff(size_t n) { return Bytes(n, 0xFF); }
 
 /* Host-order memory image of u32 words, as the library stores them. */
 inline std::string words_image(const uint32_t *w, size_t n)
 {
     return std::string(reinterpret_cast<const char *>(w), n * 4);
+}
+
+/* Split at the zero bytes; the last element is what follows the last zero (often empty). */
+inline std::vector<std::string> split_at_nul(const std::string &s)
+{
+    std::vector<std::string> out(1);
+    for (char c : s)
+        if (c)
+            out.back().push_back(c);
+        else
+            out.emplace_back();
+    return out;
 }
 
 inline std::vector<std::string> texts(const std::vector<Trace> &t)

@@ -38,14 +38,6 @@ struct Batch {
     }
 };
 
-tcamwrap_cb_handle handle_of(const fake::Call &c)
-{
-    tcamwrap_cb_handle h{};
-    EXPECT_EQ(c.handle.size(), sizeof h);
-    if (c.handle.size() == sizeof h)
-        std::memcpy(&h, c.handle.data(), sizeof h);
-    return h;
-}
 
 class Write : public LibTest {
 protected:
@@ -75,37 +67,21 @@ TEST_F(Write, OrvexAddInsertsEachEntryWithItsHandleAndGrooms)
     ASSERT_EQ(ins.size(), 2u);
     for (uint32_t i = 0; i < 2; ++i) {
         SCOPED_TRACE(i);
-        EXPECT_EQ(ins[i].p.inst, 0);
-        EXPECT_EQ(ins[i].p.tbl_type, FIB);
-        EXPECT_EQ(ins[i].p.num_entries, 1u);
         EXPECT_EQ(ins[i].p.start_addr, 10u);
         EXPECT_EQ(ins[i].p.opaque, 0xA5A5u);
         EXPECT_EQ(ins[i].in[0], b.key(i));
         EXPECT_EQ(ins[i].a, (std::vector<uint64_t>{b.prio[i], 0}));
         tcamwrap_cb_handle h = handle_of(ins[i]);
-        EXPECT_EQ(h.inst, 0);
-        EXPECT_EQ(h.tbl_type, FIB);
         EXPECT_EQ(h.loc, 10 + i);
         EXPECT_EQ(h.acl_prio, 1);
         EXPECT_EQ(Bytes(h.ssram_data, h.ssram_data + 5), b.word(i));
         EXPECT_EQ(h.oper, TCAMWRAP_OPER_ADD);
-        EXPECT_EQ(h.restored_entries, 0u);
+        EXPECT_EQ(fake::ssram(0, FIB, i), b.word(i));
+        EXPECT_EQ(info(0, FIB)->lmt[10 + i], i);
     }
-    for (const fake::Call &g : fake::calls_of("orvex_tcam_groom")) {
-        EXPECT_EQ(g.a, (std::vector<uint64_t>{0, 0}));
-        EXPECT_EQ(g.p.opaque, 0xA5A5u);
-    }
-    tcam_info *ti = info(0, FIB);
-    EXPECT_EQ(ti->lmt[10], 0u);
-    EXPECT_EQ(ti->lmt[11], 1u);
-    EXPECT_EQ(fake::ssram(0, FIB, 0), b.word(0));
-    EXPECT_EQ(fake::ssram(0, FIB, 1), b.word(1));
-    EXPECT_EQ(fake::engine(0, FIB).entries[1].key, b.key(1));
-
-    EXPECT_TRUE(traced(kWrite, "inst: 0 tbl_type: 3 num_entries: 2 start_addr: 0xa\n")) << dump_traces();
-    EXPECT_TRUE(traced("tcamwrap_get_bank", "tcamwrap_get_bank: bank selected for inst: 0 tbl_type: 3 loc: 0xb is : 0\n"));
+    EXPECT_TRUE(traced("tcamwrap_get_bank", "tcamwrap_get_bank: bank selected for inst: 0 tbl_type: 3 loc: 0xb is : 0\n"))
+        << dump_traces();
     EXPECT_TRUE(traced(kWrite, "tcamwrap_fwd_tcam_ssram_write: loc: 0xa entry_type: 257(0x101)\n"));
-    EXPECT_TRUE(fake::calls_of("kvs_delete").empty());
 }
 
 TEST_F(Write, BankFollowsTheHalfOfTheTable)
@@ -137,44 +113,25 @@ TEST_F(Write, OverwriteInsertsNewThenDeletesOld)
     fake::clear_calls();
     fake::clear_traces();
 
-    struct Seen {
-        uint32_t op;
-        int phase;
-        bool journal;
-        uint32_t lmt;
-    };
+    using Seen = std::tuple<uint32_t, int, bool, uint32_t>;   /* op, phase, journal stored, LMT[10] */
     std::vector<Seen> seen;
     fake::set_camindex_observer([&](const fake::CamindexEvent &e) {
-        seen.push_back({e.op, e.phase, fake::store().count(journal_key()) == 1, info(0, FIB)->lmt[10]});
+        seen.emplace_back(e.op, e.phase, fake::store().count(journal_key()) == 1, info(0, FIB)->lmt[10]);
     });
     ASSERT_EQ(second.write(params(0, FIB, 1, 10)), 0);
     fake::set_camindex_observer(nullptr);
-
     /* The journal exists exactly from the new copy's PRE_ADD to the old copy's POST_DEL,
      * and the LMT points at the old copy until that POST_DEL. */
-    std::vector<Seen> want = {
-        {0, 0, false, 0}, {0, 1, true, 0}, {1, 0, true, 0}, {1, 1, true, 0},
-        {2, 0, true, 0},  {2, 1, true, 0}, {3, 0, true, 0}, {3, 1, false, 1},
-    };
-    ASSERT_EQ(seen.size(), want.size());
-    for (size_t i = 0; i < want.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(seen[i].op, want[i].op);
-        EXPECT_EQ(seen[i].phase, want[i].phase);
-        EXPECT_EQ(seen[i].journal, want[i].journal);
-        EXPECT_EQ(seen[i].lmt, want[i].lmt);
-    }
+    EXPECT_EQ(seen, (std::vector<Seen>{{0, 0, false, 0}, {0, 1, true, 0}, {1, 0, true, 0}, {1, 1, true, 0},
+                                       {2, 0, true, 0}, {2, 1, true, 0}, {3, 0, true, 0}, {3, 1, false, 1}}));
     EXPECT_EQ(fake::call_names({"orvex_"}),
               (std::vector<std::string>{"orvex_tcam_insert_entry", "orvex_tcam_delete_entry", "orvex_tcam_groom"}));
-    auto ins = fake::calls_of("orvex_tcam_insert_entry");
     auto del = fake::calls_of("orvex_tcam_delete_entry");
-    EXPECT_EQ(handle_of(ins[0]).oper, TCAMWRAP_OPER_OVERWRITE);
+    EXPECT_EQ(handle_of(fake::calls_of("orvex_tcam_insert_entry")[0]).oper, TCAMWRAP_OPER_OVERWRITE);
     EXPECT_EQ(handle_of(del[0]).oper, TCAMWRAP_OPER_OVERWRITE);
     EXPECT_EQ(del[0].a[0], 0u);
-    EXPECT_EQ(del[0].p.num_entries, 1u);
     tcam_info *ti = info(0, FIB);
     EXPECT_EQ(ti->lmt[10], 1u);
-    EXPECT_EQ(ti->rlmt[1], 10u);
     EXPECT_EQ(ti->rlmt[0], INV);
     EXPECT_EQ(fake::engine(0, FIB).entries.count(0), 0u);
     EXPECT_EQ(fake::ssram(0, FIB, 1), second.word(0));
@@ -182,49 +139,16 @@ TEST_F(Write, OverwriteInsertsNewThenDeletesOld)
     EXPECT_TRUE(traced(kWrite, "invalidating the entry at old_sloc: 0x0\n"));
 }
 
-TEST_F(Write, OverwriteMessagesAreLevelFive)
-{
-    boot({3}, 1, 5);
-    Batch b(FIB, 1, 1);
-    ASSERT_EQ(b.write(params(0, FIB, 1, 10)), 0);
-    ASSERT_EQ(b.write(params(0, FIB, 1, 10)), 0);
-    EXPECT_EQ(fake::traces(), (std::vector<Trace>{{kWrite, "inst 0 TCAM entry already programmed at sloc: 0x0 for loc: 0xa\n"},
-                                                  {kWrite, "invalidating the entry at old_sloc: 0x0\n"}}));
-}
-
 TEST_F(Write, AllInstancesEntryByEntry)
 {
     boot({1}, 2);
     Batch b(ACLI, 2, 3, 1);
     ASSERT_EQ(b.write(params(254, ACLI, 2, 4)), 0);
-    std::vector<int> insts;
-    std::vector<uint32_t> locs;
-    for (const fake::Call &c : fake::calls_of("orvex_tcam_insert_entry")) {
-        insts.push_back(c.p.inst);
-        locs.push_back(handle_of(c).loc);
-    }
-    EXPECT_EQ(insts, (std::vector<int>{0, 1, 0, 1}));
-    EXPECT_EQ(locs, (std::vector<uint32_t>{4, 4, 5, 5}));
-    for (unsigned inst = 0; inst < 2; ++inst) {
-        ASSERT_NE(info(inst, ACLI), nullptr);
-        EXPECT_NE(info(inst, ACLI)->lmt[4], INV);
-        EXPECT_NE(info(inst, ACLI)->lmt[5], INV);
-    }
-}
-
-TEST_F(Write, AllInstancesOnACardOfOneInstance)
-{
-    boot({3}, 1);
-    Batch b(FIB, 1, 3);
-    ASSERT_EQ(b.write(params(254, FIB, 1, 4)), 0);
-    auto ins = fake::calls_of("orvex_tcam_insert_entry");
-    ASSERT_EQ(ins.size(), 1u);
-    EXPECT_EQ(ins[0].p.inst, 0);
-    tbl_params p = params(254, FIB, 1, 4);
-    ASSERT_EQ(tcamwrap_fwd_tcam_delete(&p), 0);
-    auto del = fake::calls_of("orvex_tcam_delete_entry");
-    ASSERT_EQ(del.size(), 1u);
-    EXPECT_EQ(del[0].p.inst, 0);
+    std::vector<std::pair<int, uint32_t>> seen;   /* instance, loc */
+    for (const fake::Call &c : fake::calls_of("orvex_tcam_insert_entry"))
+        seen.emplace_back(c.p.inst, handle_of(c).loc);
+    EXPECT_EQ(seen, (std::vector<std::pair<int, uint32_t>>{{0, 4}, {1, 4}, {0, 5}, {1, 5}}));
+    EXPECT_NE(info(1, ACLI)->lmt[5], INV);
 }
 
 TEST_F(Write, AcliResultMemoriesAndTheValidateCallback)
@@ -244,9 +168,7 @@ TEST_F(Write, AcliResultMemoriesAndTheValidateCallback)
      * Third (bit set): 1 accepted at once. */
     std::vector<std::pair<uint32_t, uint8_t>> want = {{0, 1}, {1, 0}, {2, 1}, {1, 1}};
     EXPECT_EQ(fake::validate_answers(), want);
-    EXPECT_EQ(fake::flow(0, ACLI, 0), b.word(0));
     EXPECT_EQ(fake::flow(0, ACLI, 1), b.word(1));
-    EXPECT_EQ(fake::acl_prio(0, ACLI, 0), uint8_t(0));
     EXPECT_EQ(fake::acl_prio(0, ACLI, 2), uint8_t(0));
     EXPECT_EQ(fake::acl_prio(0, ACLI, 1), uint8_t(1));
     EXPECT_EQ(fake::ssram(0, ACLI, 1), b.word(2));
@@ -263,22 +185,15 @@ TEST_F(Write, ArgumentChecks)
     struct Case {
         const char *name;
         uint32_t tbl, n;
-        bool np, nk, npr, ns, with_aclp;
+        bool np, ns, with_aclp;
         std::string func, text;
     } cases[] = {
-        {"null params", FIB, 1, true, false, false, false, false, kWrite, "*** NULL params ***\n"},
-        {"null keys", FIB, 1, false, true, false, false, false, kWrite, "*** NULL params ***\n"},
-        {"null prio", FIB, 1, false, false, true, false, false, kWrite, "*** NULL params ***\n"},
-        {"null ssram", FIB, 1, false, false, false, true, false, kWrite, "*** NULL params ***\n"},
-        {"bad type", 5, 1, false, false, false, false, false, "tcamwrap_validate_tbl_type", "*** tbl_type: 5 is not valid ***\n"},
-        {"no entries", FIB, 0, false, false, false, false, false, "tcamwrap_validate_tbl_params",
-         "*** number of entries passed as 0 ***\n"},
-        {"ACLI without acl prio", ACLI, 1, false, false, false, false, false, kWrite,
+        {"null params", FIB, 1, true, false, false, kWrite, "*** NULL params ***\n"},
+        {"null ssram", FIB, 1, false, true, false, kWrite, "*** NULL params ***\n"},
+        {"bad type", 5, 1, false, false, false, "tcamwrap_validate_tbl_type", "*** tbl_type: 5 is not valid ***\n"},
+        {"ACLI without acl prio", ACLI, 1, false, false, false, kWrite,
          "*** acl prio buff is not passed for ACLI TCAM ***\n"},
-        {"ACLO with acl prio", ACLO, 1, false, false, false, false, true, kWrite,
-         "*** acl prio buff is passed for non ACLI TCAM ***\n"},
-        {"FIB with acl prio", FIB, 1, false, false, false, false, true, kWrite,
-         "*** acl prio buff is passed for non ACLI TCAM ***\n"},
+        {"FIB with acl prio", FIB, 1, false, false, true, kWrite, "*** acl prio buff is passed for non ACLI TCAM ***\n"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -286,8 +201,7 @@ TEST_F(Write, ArgumentChecks)
         fake::clear_traces();
         tbl_params p = params(0, c.tbl, c.n, 0);
         errno = 0;
-        int rc = tcamwrap_fwd_tcam_ssram_write(c.np ? nullptr : &p, c.nk ? nullptr : keys.data(),
-                                               c.npr ? nullptr : prio, c.ns ? nullptr : ssram.data(),
+        int rc = tcamwrap_fwd_tcam_ssram_write(c.np ? nullptr : &p, keys.data(), prio, c.ns ? nullptr : ssram.data(),
                                                c.with_aclp ? aclp.data() : nullptr);
         EXPECT_EQ(rc, -1);
         EXPECT_EQ(errno, EINVAL);
@@ -305,31 +219,11 @@ TEST_F(Write, FailingInsertStopsAndKeepsEarlierEntries)
     errno = 0;
     EXPECT_EQ(b.write(params(0, FIB, 4, 10)), 9);
     EXPECT_EQ(errno, ENOSPC);
-    tcam_info *ti = info(0, FIB);
-    EXPECT_NE(ti->lmt[10], INV);
-    EXPECT_NE(ti->lmt[11], INV);
-    EXPECT_EQ(ti->lmt[12], INV);
-    EXPECT_EQ(ti->lmt[13], INV);
-    EXPECT_EQ(fake::calls_of("orvex_tcam_insert_entry").size(), 3u);
+    EXPECT_NE(info(0, FIB)->lmt[11], INV);
+    EXPECT_EQ(info(0, FIB)->lmt[12], INV);
     EXPECT_EQ(fake::traces(),
               (std::vector<Trace>{{kWrite, "*** inst 0 orvex_tcam_insert_entry() failed: " + err_text(ENOSPC) +
                                                ". could not find suitable sloc for loc: 0xc\n ***"}}));
-}
-
-TEST_F(Write, FailingDeleteOfTheOldCopy)
-{
-    boot({3}, 1, 3);
-    Batch b(FIB, 1, 1);
-    ASSERT_EQ(b.write(params(0, FIB, 1, 10)), 0);
-    fake::fail("orvex_tcam_delete_entry", 4, EAGAIN);
-    errno = 0;
-    EXPECT_EQ(b.write(params(0, FIB, 1, 10)), 4);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_TRUE(traced(kWrite, "*** inst 0 orvex_tcam_delete_entry() failed in case of overwrite: " + err_text(EAGAIN) +
-                                   ". loc: 0xa  old_sloc: 0x0 ***\n"))
-        << dump_traces();
-    EXPECT_EQ(fake::calls_of("orvex_tcam_groom").size(), 1u);   /* only the first write's */
-    EXPECT_EQ(info(0, FIB)->lmt[10], 0u);
 }
 
 /* ---- tcam3 writes ------------------------------------------------------------------- */
@@ -348,15 +242,11 @@ TEST_F(Write, Tcam3WritesResultsBeforeTheKey)
     ASSERT_EQ(tw.size(), 2u);
     for (uint32_t i = 0; i < 2; ++i) {
         EXPECT_EQ(tw[i].p.start_addr, 7 + i);
-        EXPECT_EQ(tw[i].p.num_entries, 1u);
         EXPECT_EQ(tw[i].p.opaque, 0x99u);
         EXPECT_EQ(tw[i].in[0], b.key(i));
     }
-    EXPECT_EQ(fake::calls_of("fwd_flow_result_write")[0].p.start_addr, 3u);
     EXPECT_EQ(fake::flow(0, ACLI, 3), b.word(0));
     EXPECT_EQ(fake::ssram(0, ACLI, 8), b.word(1));
-    EXPECT_EQ(fake::tcam(0, ACLI, 8), b.key(1));
-    EXPECT_TRUE(traced(kWrite, "writing inst 0 TCAM at loc: 0x8\n")) << dump_traces();
 }
 
 TEST_F(Write, Tcam3AllInstancesAndFailures)
@@ -377,13 +267,6 @@ TEST_F(Write, Tcam3AllInstancesAndFailures)
     EXPECT_EQ(errno, EIO);
     EXPECT_TRUE(traced(kWrite, "*** fwd_tcam_write() failed: " + err_text(EIO) + ". inst: 1 loc: 0x6 ***\n")) << dump_traces();
 
-    fake::clear_calls();
-    fake::clear_failures();
-    fake::fail("fwd_ssram_write", 8, ENXIO);
-    errno = 0;
-    EXPECT_EQ(b.write(params(0, FIB, 1, 9)), 8);
-    EXPECT_EQ(errno, ENXIO);
-    EXPECT_TRUE(fake::calls_of("fwd_tcam_write").empty());
 }
 
 /* ---- deletes ------------------------------------------------------------------------ */
@@ -398,43 +281,20 @@ TEST_F(Write, OrvexDeleteClearsTheMapsThroughTheCallbacks)
     tbl_params p = params(0, FIB, 2, 10, 0x42);
     ASSERT_EQ(tcamwrap_fwd_tcam_delete(&p), 0);
     tcam_info *ti = info(0, FIB);
-    EXPECT_EQ(ti->lmt[10], INV);
     EXPECT_EQ(ti->lmt[11], INV);
     EXPECT_EQ(ti->lmt[12], 2u);
-    EXPECT_EQ(ti->rlmt[0], INV);
     EXPECT_EQ(ti->rlmt[1], INV);
     auto del = fake::calls_of("orvex_tcam_delete_entry");
     ASSERT_EQ(del.size(), 2u);
     for (uint32_t i = 0; i < 2; ++i) {
         EXPECT_EQ(del[i].a[0], i);
-        EXPECT_EQ(del[i].p.num_entries, 1u);
-        EXPECT_EQ(del[i].p.start_addr, 10u);
         EXPECT_EQ(del[i].p.opaque, 0x42u);
         tcamwrap_cb_handle h = handle_of(del[i]);
         EXPECT_EQ(h.oper, TCAMWRAP_OPER_DELETE);
         EXPECT_EQ(h.loc, 10 + i);
-        EXPECT_EQ(h.acl_prio, 0);
-        EXPECT_EQ(Bytes(h.ssram_data, h.ssram_data + 5), Bytes(5, 0));
     }
     EXPECT_TRUE(fake::calls_of("orvex_tcam_groom").empty());
     EXPECT_EQ(fake::store()[fake::store_key(prefix_str(), 2, 0, 3, 0)], words_image(ti->lmt, ti->lmt_sz));
-    EXPECT_TRUE(traced(kDelete, "inst 0 found sloc: 0x1 for loc: 0xb\n")) << dump_traces();
-    EXPECT_TRUE(traced(kDelete, "inst: 0 tbl_type: 3 num_entries: 2 start_addr: 0xa\n"));
-}
-
-TEST_F(Write, DeleteOfAnUnwrittenLocIsIgnored)
-{
-    for (uint32_t lvl : {3u, 4u}) {
-        SetUp();
-        boot({3}, 1, lvl);
-        tbl_params p = params(0, FIB, 1, 5);
-        EXPECT_EQ(tcamwrap_fwd_tcam_delete(&p), 0);
-        std::vector<Trace> want;
-        if (lvl >= 4)
-            want.push_back({kDelete, "*** inst 0 delete could not find sloc for loc: 0x5. ignored.. ***\n"});
-        EXPECT_EQ(fake::traces(), want) << dump_traces();
-        EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
-    }
 }
 
 TEST_F(Write, DeleteAllInstancesAndFailure)
@@ -452,11 +312,8 @@ TEST_F(Write, DeleteAllInstancesAndFailure)
     for (const fake::Call &c : fake::calls_of("orvex_tcam_delete_entry"))
         insts.push_back(c.p.inst);
     EXPECT_EQ(insts, (std::vector<int>{0, 1, 0}));
-    EXPECT_EQ(info(0, ACLO)->lmt[0], INV);
     EXPECT_EQ(info(1, ACLO)->lmt[0], INV);
     EXPECT_NE(info(0, ACLO)->lmt[1], INV);   /* the failing delete */
-    EXPECT_NE(info(1, ACLO)->lmt[1], INV);
-    EXPECT_NE(info(0, ACLO)->lmt[2], INV);
     EXPECT_TRUE(traced(kDelete, "*** inst 0 orvex_tcam_delete_entry() failed: " + err_text(EPERM) + " ***\n"))
         << dump_traces();
 }
@@ -475,13 +332,6 @@ TEST_F(Write, Tcam3DeleteIsOneDriverCall)
     errno = 0;
     EXPECT_EQ(tcamwrap_fwd_tcam_delete(&p), 2);
     EXPECT_EQ(errno, EROFS);
-    EXPECT_TRUE(traced(kDelete, "*** fwd_tcam_delete() failed: " + err_text(EROFS) + " ***\n")) << dump_traces();
-
-    fake::clear_traces();
-    errno = 0;
-    EXPECT_EQ(tcamwrap_fwd_tcam_delete(nullptr), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(traced(kDelete, "*** NULL params ***\n"));
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <array>
 #include <cerrno>
 #include <functional>
-#include <map>
 #include <random>
 #include <set>
 #include <string>
@@ -30,6 +29,13 @@ constexpr uint32_t kAcli = 1;
 constexpr uint32_t kAclo = 2;
 constexpr uint32_t kFib = 3;
 constexpr uint32_t kFibSize = 1024;
+
+bool hw_valid(uint8_t inst, uint32_t tbl, uint32_t loc, uint8_t *key = nullptr, uint16_t *prio = nullptr) {
+    uint8_t valid = 0, k[SIM_KEY_MAX];
+    uint16_t p = 0;
+    EXPECT_EQ(sim_hw_tcam_get(inst, tbl, loc, &valid, key ? key : k, prio ? prio : &p), 0);
+    return valid != 0;
+}
 
 // A client's callbacks: they remember the order of camindex calls and, on an
 // ACLI table, keep the ACL-priority byte with the entry as the library does
@@ -54,14 +60,7 @@ struct Recorder {
     }
     static int validate(void *h, uint32_t sloc, uint8_t *ok) {
         auto *r = static_cast<Recorder *>(h);
-        *ok = 1;
-        if (r->tbl == kAcli && r->acl_prio == 0) {
-            uint8_t valid = 0;
-            uint8_t key[SIM_KEY_MAX];
-            uint16_t prio = 0;
-            sim_hw_tcam_get(r->inst, r->tbl, sloc ^ 1u, &valid, key, &prio);
-            *ok = valid == 0;
-        }
+        *ok = !(r->tbl == kAcli && r->acl_prio == 0 && hw_valid(r->inst, r->tbl, sloc ^ 1u));
         return 0;
     }
     uint32_t last_add() const {
@@ -71,9 +70,10 @@ struct Recorder {
     }
 };
 
-// An entry as the restore and walk callbacks report it.
-using Reported = std::tuple<uint32_t, std::vector<uint32_t>, std::vector<uint32_t>, uint32_t,
-                            uint32_t, uint32_t, uint32_t>;  // sloc, value, mask, width, bank, tbl, prio
+// An entry as the restore and walk callbacks report it:
+// sloc, value, mask, width, bank, table type, priority.
+using Words = std::vector<uint32_t>;
+using Reported = std::tuple<uint32_t, Words, Words, uint32_t, uint32_t, uint32_t, uint32_t>;
 
 struct Collector {
     std::vector<Reported> entries;
@@ -81,15 +81,13 @@ struct Collector {
     static int cb(void *h, uint32_t sloc, const uint32_t *v, const uint32_t *m, uint32_t width,
                   uint32_t bank, uint32_t tbl, uint32_t prio) {
         auto *c = static_cast<Collector *>(h);
-        const std::size_t words = width == 72 ? 3 : 5;
-        c->entries.emplace_back(sloc, std::vector<uint32_t>(v, v + words),
-                                std::vector<uint32_t>(m, m + words), width, bank, tbl, prio);
+        const std::size_t n = width == 72 ? 3 : 5;
+        c->entries.emplace_back(sloc, Words(v, v + n), Words(m, m + n), width, bank, tbl, prio);
         return c->answer;
     }
 };
 
-// FIB key: value then mask, each one byte and two big-endian words (the
-// address first).
+// FIB key: value then mask, each one byte and two big-endian words (the address first).
 std::array<uint8_t, 18> fib_key(uint32_t addr, int len, uint8_t top = 0) {
     const uint32_t mask = len == 0 ? 0 : ~uint32_t{0} << (32 - len);
     std::array<uint8_t, 18> k{};
@@ -107,22 +105,17 @@ std::vector<Reported> image_entries(uint8_t inst, uint32_t tbl) {
     std::vector<Reported> out;
     const uint32_t size = sim_card_table_size(tbl);
     const uint32_t half = sim_key_bytes(tbl) / 2;
+    const auto words = [&](const uint8_t *p) {  // big-endian number, least significant word first
+        Words w((half + 3) / 4, 0);
+        for (uint32_t i = 0, from_end = half - 1; i < half; ++i, --from_end)
+            w[from_end / 4] |= uint32_t{p[i]} << (8 * (from_end % 4));
+        return w;
+    };
     for (uint32_t loc = 0; loc < size; ++loc) {
-        uint8_t valid = 0;
         uint8_t key[SIM_KEY_MAX];
         uint16_t prio = 0;
-        EXPECT_EQ(sim_hw_tcam_get(inst, tbl, loc, &valid, key, &prio), 0);
-        if (!valid) continue;
-        const auto words = [&](const uint8_t *p) {  // big-endian number, least significant word first
-            std::vector<uint32_t> w((half + 3) / 4, 0);
-            for (uint32_t i = 0; i < half; ++i) {
-                const uint32_t from_end = half - 1 - i;
-                w[from_end / 4] |= uint32_t{p[i]} << (8 * (from_end % 4));
-            }
-            return w;
-        };
-        out.emplace_back(loc, words(key), words(key + half), half * 8, loc < size / 2 ? 0 : 1, tbl,
-                         prio);
+        if (hw_valid(inst, tbl, loc, key, &prio))
+            out.emplace_back(loc, words(key), words(key + half), half * 8, loc < size / 2 ? 0 : 1, tbl, prio);
     }
     return out;
 }
@@ -135,67 +128,63 @@ protected:
         rec_.calls.clear();
         rec_.inst = inst;
         rec_.tbl = tbl;
-        return orvex_tcam_init(inst, tbl, tbl == kFib ? 72 : 144, Recorder::validate, &rec_,
-                               Recorder::camindex, &rec_, restore,
-                               restored != nullptr ? Collector::cb : nullptr, restored, 0, 0);
+        return orvex_tcam_init(inst, tbl, tbl == kFib ? 72 : 144, Recorder::validate, &rec_, Recorder::camindex,
+                               &rec_, restore, restored != nullptr ? Collector::cb : nullptr, restored, 0, 0);
     }
     // The library's write: insert, then groom of the bank.
     int write(tbl_params &p, uint8_t *key, uint16_t prio, uint8_t bank) {
         const int rc = orvex_tcam_insert_entry(&p, key, &prio, &bank);
+        uint32_t scratch = 0;
         if (rc == 0) {
-            uint32_t scratch = 0;
             EXPECT_EQ(orvex_tcam_groom(&p, 0, &scratch, bank), 0);
         }
         return rc;
     }
-    void expect_consistent(uint8_t inst, uint32_t tbl) {
+    int write_random(tbl_params &p, std::mt19937_64 &rng, uint16_t prio, uint8_t bank) {
+        std::array<uint8_t, 36> key{};
+        for (auto &b : key) b = static_cast<uint8_t>(rng());
+        return write(p, key.data(), prio, bank);
+    }
+    static void expect_consistent(uint8_t inst, uint32_t tbl) {
         char why[256] = "";
         EXPECT_EQ(orvex_sim_check(inst, tbl, why, sizeof why), 0) << why;
+    }
+    static void expect_fails(const char *what, const std::function<int()> &call, int err) {
+        errno = 0;
+        EXPECT_EQ(call(), -1) << what;
+        EXPECT_EQ(errno, err) << what;
     }
 
     ScopedSimState state_;
     Recorder rec_;
 };
 
-TEST_F(OrvexApi, InitChecksItsArgumentsAndOtherCallsNeedARegisteredTable) {
-    struct Case {
-        const char *what;
-        std::function<int()> call;
+TEST_F(OrvexApi, BadArgumentsBanksAndUnregisteredTablesFailWithEinval) {
+    const auto init_width = [&](uint32_t width, orvex_camindex_cb cb) {
+        return orvex_tcam_init(0, kFib, width, Recorder::validate, &rec_, cb, &rec_, 0, nullptr, nullptr, 0, 0);
     };
-    const Case cases[] = {
+    uint8_t key[36] = {};
+    uint16_t prio = 1;
+    uint8_t bank = 0;
+    uint32_t sloc = 0, v[6];
+    uint8_t two = 2;
+    tbl_params never{1, kAcli, 1, 0, 0}, fib{0, kFib, 1, 0, 0};
+    ASSERT_EQ(init(0, kFib, 0), 0);
+    const std::pair<const char *, std::function<int()>> cases[] = {
+        {"insert into bank 2", [&] { return orvex_tcam_insert_entry(&fib, key, &prio, &two); }},
+        {"groom of bank 2", [&] { return orvex_tcam_groom(&fib, 0, &sloc, 2); }},
+        {"statistics of bank 2", [&] { return orvex_tcam_get_stats(&fib, 2, v, v + 1, v + 2, v + 3, v + 4, v + 5); }},
         {"instance beyond the card", [&] { return init(2, kFib, 0); }},
         {"table type 0", [&] { return init(0, 0, 0); }},
         {"table type 4", [&] { return init(0, 4, 0); }},
         {"a tcam3 table", [&] { return init(0, kAclo, 0); }},
-        {"FIB with a wide key",
-         [&] {
-             return orvex_tcam_init(0, kFib, 144, Recorder::validate, &rec_, Recorder::camindex,
-                                    &rec_, 0, nullptr, nullptr, 0, 0);
-         }},
-        {"no camindex callback",
-         [&] {
-             return orvex_tcam_init(0, kFib, 72, Recorder::validate, &rec_, nullptr, nullptr, 0,
-                                    nullptr, nullptr, 0, 0);
-         }},
+        {"FIB with a wide key", [&] { return init_width(144, Recorder::camindex); }},
+        {"no camindex callback", [&] { return init_width(72, nullptr); }},
         {"insert into a table never registered",
-         [&] {
-             tbl_params p{1, kAcli, 1, 0, 0};
-             uint8_t key[36] = {};
-             uint16_t prio = 1;
-             uint8_t bank = 0;
-             return orvex_tcam_insert_entry(&p, key, &prio, &bank);
-         }},
-        {"NULL table parameters",
-         [&] {
-             uint32_t sloc = 0;
-             return orvex_tcam_delete_entry(nullptr, &sloc);
-         }},
+         [&] { return orvex_tcam_insert_entry(&never, key, &prio, &bank); }},
+        {"NULL table parameters", [&] { return orvex_tcam_delete_entry(nullptr, &sloc); }},
     };
-    for (const Case &c : cases) {
-        errno = 0;
-        EXPECT_EQ(c.call(), -1) << c.what;
-        EXPECT_EQ(errno, EINVAL) << c.what;
-    }
+    for (const auto &[what, call] : cases) expect_fails(what, call, EINVAL);
 }
 
 TEST_F(OrvexApi, EntriesGoToTheHardwareAndLookupsFindTheLongestPrefix) {
@@ -209,7 +198,6 @@ TEST_F(OrvexApi, EntriesGoToTheHardwareAndLookupsFindTheLongestPrefix) {
     const uint32_t s24 = rec_.last_add();
     ASSERT_LT(s16, kFibSize / 2);
     ASSERT_GE(s24, kFibSize / 2);
-
     // Each add is PRE_ADD then POST_ADD of the same place; old_sloc is 0.
     ASSERT_GE(rec_.calls.size(), 4u);
     EXPECT_EQ(rec_.calls[0], (std::array<uint32_t, 3>{0, 0, s16}));
@@ -221,46 +209,33 @@ TEST_F(OrvexApi, EntriesGoToTheHardwareAndLookupsFindTheLongestPrefix) {
     ASSERT_EQ(orvex_tcam_read_entry(&p, &sloc, out.data(), &prio, 0), 0);
     EXPECT_EQ(out, k24);
     EXPECT_EQ(prio, 24);
-
-    uint32_t hit = 0;
-    const auto search = fib_key(0x0A010205, 32);
-    ASSERT_EQ(sim_hw_lookup(0, kFib, search.data(), &hit), 1);
-    EXPECT_EQ(hit, s24);
-    const auto search2 = fib_key(0x0A01FF05, 32);
-    ASSERT_EQ(sim_hw_lookup(0, kFib, search2.data(), &hit), 1);
-    EXPECT_EQ(hit, s16);
+    const auto lookup = [](uint32_t addr) {
+        uint32_t hit = UINT32_MAX;
+        EXPECT_EQ(sim_hw_lookup(0, kFib, fib_key(addr, 32).data(), &hit), 1);
+        return hit;
+    };
+    EXPECT_EQ(lookup(0x0A010205), s24);
+    EXPECT_EQ(lookup(0x0A01FF05), s16);
 
     rec_.calls.clear();
-    sloc = s24;
     ASSERT_EQ(orvex_tcam_delete_entry(&p, &sloc), 0);
     EXPECT_EQ(rec_.calls, (std::vector<std::array<uint32_t, 3>>{{2, s24, 0}, {3, s24, 0}}));
-    EXPECT_EQ(orvex_tcam_read_entry(&p, &sloc, out.data(), &prio, 0), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(orvex_tcam_delete_entry(&p, &sloc), -1);
-    EXPECT_EQ(errno, ENOENT);
+    expect_fails("read a deleted entry", [&] { return orvex_tcam_read_entry(&p, &sloc, out.data(), &prio, 0); }, ENOENT);
+    expect_fails("delete it again", [&] { return orvex_tcam_delete_entry(&p, &sloc); }, ENOENT);
     uint32_t beyond = kFibSize;
-    EXPECT_EQ(orvex_tcam_read_entry(&p, &beyond, out.data(), &prio, 0), -1);
-    EXPECT_EQ(errno, EINVAL);
-    ASSERT_EQ(sim_hw_lookup(0, kFib, search.data(), &hit), 1);
-    EXPECT_EQ(hit, s16);
+    expect_fails("read beyond", [&] { return orvex_tcam_read_entry(&p, &beyond, out.data(), &prio, 0); }, EINVAL);
+    EXPECT_EQ(lookup(0x0A010205), s16);
     expect_consistent(0, kFib);
 }
-
 TEST_F(OrvexApi, RestoreReportsExactlyTheHardwareEntriesAndAFreshInitClearsThem) {
-    const uint64_t seed = 99;
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937_64 rng(seed);
+    std::mt19937_64 rng(99);
     for (uint32_t tbl : {kFib, kAcli}) {
         SCOPED_TRACE("table " + std::to_string(tbl));
         ASSERT_EQ(init(1, tbl, 0), 0);
         tbl_params p{1, tbl, 1, 0, 0};
         const uint32_t size = sim_card_table_size(tbl);
-        for (uint32_t i = 0; i < size * 3 / 4; ++i) {
-            std::array<uint8_t, 36> key{};
-            for (auto &b : key) b = static_cast<uint8_t>(rng());
-            ASSERT_EQ(write(p, key.data(), static_cast<uint16_t>(rng() % 20), i % 2), 0) << i;
-        }
-        expect_consistent(1, tbl);
+        for (uint32_t i = 0; i < size * 3 / 4; ++i)
+            ASSERT_EQ(write_random(p, rng, static_cast<uint16_t>(rng() % 20), i % 2), 0) << i;
         const std::vector<Reported> expected = image_entries(1, tbl);
         ASSERT_EQ(expected.size(), size * 3 / 4);
 
@@ -280,46 +255,43 @@ TEST_F(OrvexApi, RestoreReportsExactlyTheHardwareEntriesAndAFreshInitClearsThem)
 TEST_F(OrvexApi, RestoreWordsOfOneKnownEntryOfEachWidth) {
     ASSERT_EQ(init(0, kFib, 0), 0);
     ASSERT_EQ(init(0, kAcli, 0), 0);
-    tbl_params fib{0, kFib, 1, 0, 0};
+    tbl_params fib{0, kFib, 1, 0, 0}, acl{0, kAcli, 1, 0, 0};
     auto k = fib_key(0xC0A80100, 24, 0x5A);
     ASSERT_EQ(write(fib, k.data(), 24, 0), 0);
-    tbl_params acl{0, kAcli, 1, 0, 0};
     std::array<uint8_t, 36> wide{};
     for (int i = 0; i < 36; ++i) wide[i] = static_cast<uint8_t>(i + 1);
     ASSERT_EQ(write(acl, wide.data(), 300, 1), 0);
 
-    Collector f;
+    Collector f, a;
     ASSERT_EQ(init(0, kFib, 1, &f), 0);
-    ASSERT_EQ(f.entries.size(), 1u);
-    EXPECT_EQ(std::get<1>(f.entries[0]), (std::vector<uint32_t>{0x00000000, 0xC0A80100, 0x5A}));
-    EXPECT_EQ(std::get<2>(f.entries[0]), (std::vector<uint32_t>{0x00000000, 0xFFFFFF00, 0xFF}));
-    EXPECT_EQ(std::get<3>(f.entries[0]), 72u);
-    EXPECT_EQ(std::get<4>(f.entries[0]), 0u);
-    EXPECT_EQ(std::get<5>(f.entries[0]), kFib);
-    EXPECT_EQ(std::get<6>(f.entries[0]), 24u);
-
-    Collector a;
     ASSERT_EQ(init(0, kAcli, 1, &a), 0);
+    ASSERT_EQ(f.entries.size(), 1u);
     ASSERT_EQ(a.entries.size(), 1u);
-    EXPECT_EQ(std::get<1>(a.entries[0]),
-              (std::vector<uint32_t>{0x0F101112, 0x0B0C0D0E, 0x0708090A, 0x03040506, 0x0102}));
-    EXPECT_EQ(std::get<2>(a.entries[0]),
-              (std::vector<uint32_t>{0x21222324, 0x1D1E1F20, 0x191A1B1C, 0x15161718, 0x1314}));
-    EXPECT_EQ(std::get<3>(a.entries[0]), 144u);
-    EXPECT_EQ(std::get<4>(a.entries[0]), 1u);
-    EXPECT_EQ(std::get<6>(a.entries[0]), 300u);
+    EXPECT_EQ(f.entries[0], Reported(std::get<0>(f.entries[0]), {0x00000000, 0xC0A80100, 0x5A},
+                                     {0x00000000, 0xFFFFFF00, 0xFF}, 72, 0, kFib, 24));
+    EXPECT_EQ(a.entries[0],
+              Reported(std::get<0>(a.entries[0]), {0x0F101112, 0x0B0C0D0E, 0x0708090A, 0x03040506, 0x0102},
+                       {0x21222324, 0x1D1E1F20, 0x191A1B1C, 0x15161718, 0x1314}, 144, 1, kAcli, 300));
 }
 
-TEST_F(OrvexApi, DumpsWalkTheCopyOrTheHardwareAndParityRepairUsesTheCopy) {
+TEST_F(OrvexApi, StatisticsDumpsAndParityRepair) {
     ASSERT_EQ(init(0, kFib, 0), 0);
     tbl_params p{0, kFib, 1, 0, 0};
-    std::vector<uint32_t> slocs;
     for (uint32_t i = 0; i < 40; ++i) {
         auto k = fib_key(0x0A000000 + (i << 8), 24);
-        ASSERT_EQ(write(p, k.data(), 24, i % 2), 0);
+        ASSERT_EQ(write(p, k.data(), static_cast<uint16_t>(16 + i % 9), i < 30 ? 0 : 1), 0);
     }
+    std::vector<uint32_t> slocs;
     for (const auto &e : image_entries(0, kFib)) slocs.push_back(std::get<0>(e));
     ASSERT_EQ(slocs.size(), 40u);
+    uint32_t v[6] = {};
+    for (uint8_t bank : {0, 1}) {
+        ASSERT_EQ(orvex_tcam_get_stats(&p, bank, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]), 0);
+        EXPECT_EQ(v[0], bank == 0 ? 30u : 10u);
+        EXPECT_EQ(v[1], 9u);
+        EXPECT_EQ(v[5], kFibSize / 2 / 64);
+        EXPECT_EQ(v[2] + v[3] + v[4], v[5]);
+    }
 
     // Two parity errors: the hardware walk shows them, the copy does not.
     ASSERT_EQ(orvex_sim_corrupt(0, kFib, slocs[3]), 0);
@@ -327,7 +299,7 @@ TEST_F(OrvexApi, DumpsWalkTheCopyOrTheHardwareAndParityRepairUsesTheCopy) {
     char why[256] = "";
     EXPECT_EQ(orvex_sim_check(0, kFib, why, sizeof why), 1);
     EXPECT_NE(std::string(why).find(std::to_string(slocs[3])), std::string::npos) << why;
-    Collector sw, hw;
+    Collector sw, hw, refusing;
     EXPECT_EQ(orvex_tcam_dump_tables(&p, 0, Collector::cb, &sw), 40);
     EXPECT_EQ(orvex_tcam_dump_tables(&p, 7, Collector::cb, &hw), 40);
     ASSERT_EQ(sw.entries.size(), hw.entries.size());
@@ -335,15 +307,12 @@ TEST_F(OrvexApi, DumpsWalkTheCopyOrTheHardwareAndParityRepairUsesTheCopy) {
     for (std::size_t i = 0; i < sw.entries.size(); ++i)
         if (sw.entries[i] != hw.entries[i]) differ.insert(std::get<0>(sw.entries[i]));
     EXPECT_EQ(differ, (std::set<uint32_t>{slocs[3], slocs[30]}));
-
-    // A walk that refuses stops the dump.
-    Collector refusing;
-    refusing.answer = -1;
+    refusing.answer = -1;  // a walk that refuses stops the dump
     EXPECT_LT(orvex_tcam_dump_tables(&p, 0, Collector::cb, &refusing), 0);
     EXPECT_EQ(refusing.entries.size(), 1u);
 
-    // Repair: known places are rewritten from the copy; an empty place and one
-    // beyond the table stay unfixed, in the order given.
+    // Known places are rewritten from the copy; an empty place and one beyond
+    // the table stay unfixed, in the order given.
     uint32_t empty = 0;
     while (std::find(slocs.begin(), slocs.end(), empty) != slocs.end()) ++empty;
     uint32_t locations[4] = {slocs[3], empty, slocs[30], kFibSize + 5};
@@ -353,40 +322,12 @@ TEST_F(OrvexApi, DumpsWalkTheCopyOrTheHardwareAndParityRepairUsesTheCopy) {
     EXPECT_NE(orvex_tcam_fix_scan_errors(&p, 4, locations, &num_unfixed, unfixed), 0);
     EXPECT_EQ(errno, ENOENT);
     ASSERT_EQ(num_unfixed, 2u);
-    EXPECT_EQ(unfixed[0], empty);
-    EXPECT_EQ(unfixed[1], kFibSize + 5);
+    EXPECT_EQ((std::array<uint32_t, 2>{unfixed[0], unfixed[1]}), (std::array<uint32_t, 2>{empty, kFibSize + 5}));
     expect_consistent(0, kFib);
-
     ASSERT_EQ(orvex_sim_corrupt(0, kFib, slocs[7]), 0);
-    uint32_t one[1] = {slocs[7]};
-    EXPECT_EQ(orvex_tcam_fix_scan_errors(&p, 1, one, &num_unfixed, unfixed), 0);
+    EXPECT_EQ(orvex_tcam_fix_scan_errors(&p, 1, &slocs[7], &num_unfixed, unfixed), 0);
     EXPECT_EQ(num_unfixed, 0u);
-    EXPECT_EQ(orvex_tcam_fix_scan_errors(&p, 0, nullptr, &num_unfixed, nullptr), 0);
     expect_consistent(0, kFib);
-
-    EXPECT_EQ(orvex_sim_corrupt(0, kFib, empty), -1);
-    EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(OrvexApi, StatisticsCountPerBank) {
-    ASSERT_EQ(init(0, kFib, 0), 0);
-    tbl_params p{0, kFib, 1, 0, 0};
-    for (uint32_t i = 0; i < 100; ++i) {
-        auto k = fib_key(i << 8, 24);
-        ASSERT_EQ(write(p, k.data(), static_cast<uint16_t>(16 + i % 9), i < 70 ? 0 : 1), 0);
-    }
-    uint32_t v[6] = {};
-    for (uint8_t bank : {0, 1}) {
-        ASSERT_EQ(orvex_tcam_get_stats(&p, bank, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]), 0);
-        EXPECT_EQ(v[0], bank == 0 ? 70u : 30u);
-        EXPECT_EQ(v[1], 9u);
-        EXPECT_EQ(v[5], kFibSize / 2 / 64);
-        EXPECT_EQ(v[2] + v[3] + v[4], v[5]);
-    }
-    EXPECT_EQ(orvex_tcam_get_stats(&p, 2, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(orvex_tcam_get_stats(&p, 0, &v[0], nullptr, &v[2], &v[3], &v[4], &v[5]), -1);
-    EXPECT_EQ(errno, EINVAL);
 }
 
 // ACLI entries that keep their result in the shared flow-result word never end
@@ -397,23 +338,13 @@ TEST_F(OrvexApi, MovesNeverPairTwoFlowResultEntries) {
     tbl_params p{0, kAcli, 1, 0, 0};
     std::mt19937_64 rng(5);
     uint32_t written = 0;
-    for (int i = 0; i < 400; ++i) {
-        std::array<uint8_t, 36> key{};
-        for (auto &b : key) b = static_cast<uint8_t>(rng());
-        written += write(p, key.data(), static_cast<uint16_t>(rng() % 12), i % 2) == 0;
-    }
+    for (int i = 0; i < 400; ++i) written += write_random(p, rng, static_cast<uint16_t>(rng() % 12), i % 2) == 0;
     orvex_sim_counters c{};
     ASSERT_EQ(orvex_sim_counters_get(0, kAcli, &c), 0);
     EXPECT_GT(c.moves, 0u);
     EXPECT_GT(written, 80u);
-    for (uint32_t loc = 0; loc < 256; loc += 2) {
-        uint8_t a = 0, b = 0;
-        uint8_t key[SIM_KEY_MAX];
-        uint16_t prio = 0;
-        ASSERT_EQ(sim_hw_tcam_get(0, kAcli, loc, &a, key, &prio), 0);
-        ASSERT_EQ(sim_hw_tcam_get(0, kAcli, loc + 1, &b, key, &prio), 0);
-        EXPECT_FALSE(a && b) << "pair " << loc;
-    }
+    for (uint32_t loc = 0; loc < 256; loc += 2)
+        EXPECT_FALSE(hw_valid(0, kAcli, loc) && hw_valid(0, kAcli, loc + 1)) << "pair " << loc;
     expect_consistent(0, kAcli);
 }
 
@@ -423,13 +354,11 @@ TEST_F(OrvexApi, EachCallFailsWhenTheFaultInjectorSaysSo) {
     tbl_params p{0, kFib, 1, 0, 0};
     auto k = fib_key(0x0A000000, 8);
     ASSERT_EQ(write(p, k.data(), 8, 0), 0);
-    uint32_t sloc = rec_.last_add();
+    uint32_t sloc = rec_.last_add(), n = 0, v[6];
     uint16_t prio = 8;
     uint8_t bank = 0;
-    uint32_t v[6];
     std::array<uint8_t, 18> out{};
     Collector c;
-    uint32_t n = 0;
     const std::pair<const char *, std::function<int()>> calls[] = {
         {"orvex_tcam_init", [&] { return init(0, kFib, 1); }},
         {"orvex_tcam_insert_entry", [&] { return orvex_tcam_insert_entry(&p, k.data(), &prio, &bank); }},
@@ -442,9 +371,7 @@ TEST_F(OrvexApi, EachCallFailsWhenTheFaultInjectorSaysSo) {
     };
     for (const auto &[name, call] : calls) {
         ASSERT_EQ(sim_fault_set((std::string("fail=") + name + ":1:77").c_str()), 0);
-        errno = 0;
-        EXPECT_EQ(call(), -1) << name;
-        EXPECT_EQ(errno, 77) << name;
+        expect_fails(name, call, 77);
         EXPECT_GE(call(), 0) << name << ": only the first call fails";
     }
     sim_fault_set(nullptr);
@@ -456,14 +383,11 @@ TEST_F(OrvexApi, EachCallFailsWhenTheFaultInjectorSaysSo) {
 class CrashPoint : public OrvexApi, public ::testing::WithParamInterface<const char *> {};
 
 TEST_P(CrashPoint, LeavesARestorableImage) {
-    const std::string point = GetParam();
+    const std::string point = std::string("camindex.") + GetParam();
     for (int nth : {1, 7, 40}) {
         SCOPED_TRACE(point + " #" + std::to_string(nth));
         const int status = tcamwrap::sim::test::run_in_child([&] {
-            Recorder rec;
-            if (orvex_tcam_init(0, kFib, 72, Recorder::validate, &rec, Recorder::camindex, &rec, 0,
-                                nullptr, nullptr, 0, 0) != 0)
-                return 2;
+            if (init(0, kFib, 0) != 0) return 2;
             sim_fault_set(("crash=" + point + ":" + std::to_string(nth)).c_str());
             std::mt19937_64 rng(nth);
             tbl_params p{0, kFib, 1, 0, 0};
@@ -477,13 +401,8 @@ TEST_P(CrashPoint, LeavesARestorableImage) {
                 }
                 const int len = 8 + static_cast<int>(rng() % 25);
                 auto k = fib_key(static_cast<uint32_t>(rng()), len);
-                uint16_t prio = static_cast<uint16_t>(len);
-                uint8_t bank = static_cast<uint8_t>(rng() % 2);
-                if (orvex_tcam_insert_entry(&p, k.data(), &prio, &bank) == 0) {
-                    slocs.push_back(rec.last_add());
-                    uint32_t scratch = 0;
-                    orvex_tcam_groom(&p, 0, &scratch, bank);
-                }
+                if (write(p, k.data(), static_cast<uint16_t>(len), static_cast<uint8_t>(rng() % 2)) == 0)
+                    slocs.push_back(rec_.last_add());
             }
             return 0;  // the point was never reached
         });
@@ -499,11 +418,6 @@ TEST_P(CrashPoint, LeavesARestorableImage) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Engine, CrashPoint,
-                         ::testing::Values("camindex.PRE_ADD", "camindex.POST_ADD",
-                                           "camindex.PRE_DEL", "camindex.POST_DEL",
-                                           "camindex.PRE_MOVE", "camindex.POST_MOVE"),
-                         [](const ::testing::TestParamInfo<const char *> &p) {
-                             return std::string(p.param).substr(9);  // after "camindex."
-                         });
+                         ::testing::Values("PRE_ADD", "POST_ADD", "PRE_DEL", "POST_DEL", "PRE_MOVE", "POST_MOVE"));
 
 }  // namespace

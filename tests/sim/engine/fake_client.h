@@ -1,11 +1,12 @@
 // fake_client.h - a client of the placement engine as the library is one: it
-// keeps loc -> sloc maps from the camindex callbacks (PRE_ADD maps, POST_MOVE
+// keeps loc <-> sloc maps from the camindex callbacks (PRE_ADD maps, POST_MOVE
 // and POST_DEL follow), refuses places by a rule, and records every way the
-// engine's calls break the protocol:
+// engine breaks the protocol:
 //  - each PRE_x is followed by its POST_x with the same locations, nothing nested;
 //  - adds and deletes happen only in insert and delete, moves only in groom;
 //  - an add goes to a free place that validate did not refuse for this insert;
-//  - a move copies the entry to its new place before it clears the old one;
+//  - a move copies the entry to its new place, and clears the old one only
+//    after POST_MOVE (the client persists the move there);
 //  - no hardware write or clear happens outside these pairs.
 #pragma once
 
@@ -30,19 +31,18 @@ public:
     FakeClient(uint32_t size, uint32_t key_bytes)
         : MemoryPort(size, key_bytes), lmt(size * 2, kNone), rlmt(size, kNone), key_bytes_(key_bytes) {}
 
-    // ---- what the test sets ----
+    // set by the test
     Phase phase = Phase::kIdle;
-    uint32_t loc = kNone;       // the loc an insert writes
-    uint32_t refuse_pct = 0;    // share of places validate refuses
-    uint64_t refuse_salt = 0;   // changes the refused places
-    int fail_op = -1;           // camindex op that fails (returns -1, errno fail_errno)
-    int fail_errno = EIO;
-    int validate_errno = 0;     // non-zero: validate fails with it
+    uint32_t loc = kNone;      // the loc an insert writes
+    uint32_t refuse_pct = 0;   // share of places validate refuses
+    uint64_t refuse_salt = 0;  // changes the refused places
+    int fail_op = -1;          // camindex op that fails with EIO
+    int validate_errno = 0;    // non-zero: validate fails with it
 
-    // ---- what the client keeps ----
-    std::vector<uint32_t> lmt;   // loc -> sloc
-    std::vector<uint32_t> rlmt;  // sloc -> loc
-    std::set<uint32_t> refused;  // places refused during the current insert
+    // kept by the client
+    std::vector<uint32_t> lmt;       // loc -> sloc
+    std::vector<uint32_t> rlmt;      // sloc -> loc
+    std::set<uint32_t> refused;      // places refused during the current insert
     std::set<uint16_t> moved_prios;  // priorities moved during the current groom
     uint64_t repeats = 0;            // moves of a priority already moved in that groom
     uint64_t moves = 0;
@@ -66,12 +66,11 @@ public:
     }
 
     int camindex(uint32_t op, uint32_t old_sloc, uint32_t new_sloc) override {
-        const bool pre = op % 2 == 0;
-        if (pre) {
+        if (op % 2 == 0) {  // PRE
             if (pending_ >= 0) fault("PRE " + std::to_string(op) + " inside an open pair");
             if (clear_due_) fault("a move's old place is not cleared before the next call");
             if (static_cast<int>(op) == fail_op) {
-                errno = fail_errno;
+                errno = EIO;
                 return -1;
             }
             pending_ = static_cast<int>(op);
@@ -91,8 +90,7 @@ public:
     int hw_write(uint32_t at, const uint8_t *key, uint16_t prio) override {
         if (pending_ == kPreMove) {
             if (at != new_ || copied_) fault("move writes somewhere else than its new place");
-            if (!valid(old_) || std::memcmp(key, this->key(old_), key_bytes_) != 0 ||
-                prio != this->prio(old_))
+            if (!valid(old_) || std::memcmp(key, this->key(old_), key_bytes_) != 0 || prio != this->prio(old_))
                 fault("move copy differs from the entry at the old place");
             copied_ = true;
         } else if (pending_ == kPreAdd) {
@@ -117,34 +115,32 @@ public:
         return MemoryPort::hw_clear(at);
     }
 
-    // Hardware writes of the test itself (an image to restore from).
+    // The test's own writes (an image to restore from).
     void put(uint32_t at, const uint8_t *key, uint16_t prio) { MemoryPort::hw_write(at, key, prio); }
 
 private:
     void fault(const std::string &what) {
         if (errors.size() < 20) errors.push_back(what);
     }
+    bool used(uint32_t s) const { return valid(s) || rlmt.at(s) != kNone; }
+    bool owned(uint32_t s) const { return valid(s) && rlmt.at(s) != kNone; }
 
     void pre_checks(uint32_t op, uint32_t old_sloc, uint32_t new_sloc) {
-        switch (op) {
-        case kPreAdd:
+        if (op == kPreAdd) {
             if (phase != Phase::kInsert) fault("add outside an insert");
-            if (valid(new_sloc) || rlmt.at(new_sloc) != kNone) fault("add to a used place");
+            if (used(new_sloc)) fault("add to a used place");
             if (refused.count(new_sloc) != 0) fault("add to a refused place");
             lmt.at(loc) = new_sloc;  // the library maps at PRE_ADD
             rlmt.at(new_sloc) = loc;
-            break;
-        case kPreDel:
+        } else if (op == kPreDel) {
             if (phase != Phase::kDelete) fault("delete outside a delete");
-            if (!valid(old_sloc) || rlmt.at(old_sloc) == kNone) fault("delete of an empty place");
-            break;
-        case kPreMove:
+            if (!owned(old_sloc)) fault("delete of an empty place");
+        } else if (op == kPreMove) {
             if (phase != Phase::kGroom) fault("move outside groom");
-            if (!valid(old_sloc) || rlmt.at(old_sloc) == kNone) fault("move of an empty place");
-            if (valid(new_sloc) || rlmt.at(new_sloc) != kNone) fault("move onto a used place");
+            if (!owned(old_sloc)) fault("move of an empty place");
+            if (used(new_sloc)) fault("move onto a used place");
             if (!moved_prios.insert(prio(old_sloc)).second) ++repeats;
-            break;
-        default:
+        } else {
             fault("unknown op " + std::to_string(op));
         }
     }
@@ -152,29 +148,30 @@ private:
     void post_updates(uint32_t op, uint32_t old_sloc, uint32_t new_sloc) {
         if (op == kPostAdd) {
             if (!valid(new_sloc)) fault("POST_ADD before the entry is written");
-        } else if (op == kPostDel) {
+            return;
+        }
+        const uint32_t l = old_sloc < rlmt.size() ? rlmt[old_sloc] : kNone;
+        if (op == kPostDel) {
             if (valid(old_sloc)) fault("POST_DEL before the entry is cleared");
-            const uint32_t l = rlmt.at(old_sloc);
             if (l != kNone) lmt.at(l) = kNone;
-            rlmt.at(old_sloc) = kNone;
         } else if (op == kPostMove) {
-            // The old copy stays valid until the client has persisted the move.
             if (!copied_) fault("POST_MOVE before the copy is written");
             if (!valid(old_sloc)) fault("POST_MOVE after the old place was cleared");
             clear_due_ = true;
-            const uint32_t l = rlmt.at(old_sloc);
             if (l != kNone) lmt.at(l) = new_sloc;
             rlmt.at(new_sloc) = l;
-            rlmt.at(old_sloc) = kNone;
             ++moves;
+        } else {
+            return;
         }
+        rlmt.at(old_sloc) = kNone;
     }
 
     int pending_ = -1;
     uint32_t old_ = 0;
     uint32_t new_ = 0;
     bool copied_ = false;
-    bool clear_due_ = false;   // a move's POST_MOVE came, its old place is next
+    bool clear_due_ = false;  // a move's POST_MOVE came, its old place is next
     uint32_t key_bytes_;
 };
 
