@@ -9,21 +9,21 @@
 namespace tcamwrap::cli
 {
 
-const std::vector<OptionSpec> &global_options()
+const std::vector<OptionDef> &global_options()
 {
-    static const std::vector<OptionSpec> specs = {
+    static const std::vector<OptionDef> defs = {
         {"help", false}, {"json", false}, {"verbose", false}, {"debug", true}, {"state", true}};
-    return specs;
+    return defs;
 }
 
 namespace
 {
 
-const OptionSpec *find_spec(const std::vector<OptionSpec> &specs, std::string_view name)
+const OptionDef *find_option(const std::vector<OptionDef> &defs, std::string_view name)
 {
-    for (const auto *list : {&specs, &global_options()}) {
+    for (const auto *list : {&defs, &global_options()}) {
         auto it = std::find_if(list->begin(), list->end(),
-                               [&](const OptionSpec &s) { return s.name == name; });
+                               [&](const OptionDef &s) { return s.name == name; });
         if (it != list->end())
             return &*it;
     }
@@ -32,7 +32,7 @@ const OptionSpec *find_spec(const std::vector<OptionSpec> &specs, std::string_vi
 
 } // namespace
 
-Args Args::parse(const std::vector<std::string> &argv, const std::vector<OptionSpec> &specs)
+Args Args::parse(const std::vector<std::string> &argv, const std::vector<OptionDef> &defs)
 {
     Args args;
     bool options_done = false;
@@ -56,10 +56,10 @@ Args Args::parse(const std::vector<std::string> &argv, const std::vector<OptionS
             inline_value = name.substr(eq + 1);
             name.resize(eq);
         }
-        const OptionSpec *spec = find_spec(specs, name);
-        if (spec == nullptr)
+        const OptionDef *def = find_option(defs, name);
+        if (def == nullptr)
             throw UsageError("unknown option --" + name);
-        if (!spec->takes_value) {
+        if (!def->takes_value) {
             if (inline_value)
                 throw UsageError("option --" + name + " takes no value");
             args.options_[name] = "";

@@ -27,13 +27,13 @@ struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-struct OptionSpec {
+struct OptionDef {
     std::string name; // without the leading "--"
     bool takes_value = false;
 };
 
 // Options every subcommand accepts.
-const std::vector<OptionSpec> &global_options();
+const std::vector<OptionDef> &global_options();
 
 class Args
 {
@@ -41,7 +41,7 @@ class Args
     // Parses argv (without the program and subcommand words) against the
     // subcommand's own options plus the global ones. "--name value" and
     // "--name=value" are both accepted; "--" ends the options.
-    static Args parse(const std::vector<std::string> &argv, const std::vector<OptionSpec> &specs);
+    static Args parse(const std::vector<std::string> &argv, const std::vector<OptionDef> &defs);
 
     const std::vector<std::string> &positional() const { return positional_; }
     bool has(std::string_view name) const;

@@ -18,7 +18,7 @@ struct Command {
     const char *name;
     const char *summary; // one line for the command list
     const char *help;    // full help: examples first
-    std::vector<OptionSpec> options;
+    std::vector<OptionDef> options;
     std::function<int(const Args &)> run;
 };
 

@@ -173,7 +173,7 @@ TEST(SpreadLoc, FillsBothHalvesFromStartInTurn)
 
 TEST(Args, ParsesOptionsNumbersTablesAndInstances)
 {
-    const std::vector<cli::OptionSpec> options = {{"count", true}, {"hw", false}};
+    const std::vector<cli::OptionDef> options = {{"count", true}, {"hw", false}};
     const auto a =
         cli::Args::parse({"fib", "--count=4", "10", "--hw", "--json", "--", "--x"}, options);
     EXPECT_EQ(a.positional(), (std::vector<std::string>{"fib", "10", "--x"}));
