@@ -480,11 +480,7 @@ extern "C" int tcamwrap_init(const int32_t *tbl_types, uint32_t num_tcams, uint3
 
     dbgsvc_hist_init_for_uuid(TCAMWRAP_HIST_UUID, TCAMWRAP_HIST_SIZE);
 
-    /* The prefix must leave room for the four record bytes; a longer one (which
-     * the caller must never pass) is cut so the key buffer is never overrun. */
-    uint32_t prefix_len = key_prefix != nullptr ? key_prefix->len : 0;
-    if (prefix_len > TCAMWRAP_KVS_KEY_BUF - 4)
-        prefix_len = TCAMWRAP_KVS_KEY_BUF - 4;
+    const uint32_t prefix_len = tcamwrap_kvs_prefix_len(key_prefix);
     tcamwrap_gl_db.kvs_key.data = tcamwrap_kvs_key_buf;
     tcamwrap_gl_db.kvs_key.len = prefix_len;
     if (prefix_len != 0)

@@ -33,6 +33,15 @@ inline constexpr uint32_t TCAMWRAP_SEG_SHIFT = 10;
 inline constexpr uint32_t TCAMWRAP_FIB_KEY_BITS = 72;
 inline constexpr uint32_t TCAMWRAP_ACL_KEY_BITS = 144;
 
+/* Bytes of the caller's key prefix that the key buffer holds: the prefix must
+ * leave room for the four record bytes, and a longer one (which the caller must
+ * never pass) is cut so the buffer is never overrun. */
+inline uint32_t tcamwrap_kvs_prefix_len(const kvs_buf *prefix)
+{
+    const uint32_t len = prefix != nullptr ? prefix->len : 0;
+    return len > TCAMWRAP_KVS_KEY_BUF - 4 ? (uint32_t)(TCAMWRAP_KVS_KEY_BUF - 4) : len;
+}
+
 /* ---- saved error word ------------------------------------------------------ */
 
 /* Holds the error number across tracing, which may itself change errno. */

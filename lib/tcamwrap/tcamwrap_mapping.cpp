@@ -15,12 +15,7 @@ namespace {
 kvs_buf *tcamwrap_kvs_build_key(uint8_t type, uint8_t inst, uint32_t tbl_type, uint8_t last)
 {
     kvs_buf *key = &tcamwrap_gl_db.kvs_key;
-    const uint32_t prefix_len = tcamwrap_gl_db.kvs_key_prefix != nullptr
-                                    ? tcamwrap_gl_db.kvs_key_prefix->len
-                                    : 0;
-    /* tcamwrap_init() cut the prefix to what fits in front of the record bytes. */
-    const uint32_t p = prefix_len > TCAMWRAP_KVS_KEY_BUF - 4 ? TCAMWRAP_KVS_KEY_BUF - 4
-                                                             : prefix_len;
+    const uint32_t p = tcamwrap_kvs_prefix_len(tcamwrap_gl_db.kvs_key_prefix);
     key->data[p + 0] = type;
     key->data[p + 1] = inst;
     key->data[p + 2] = (uint8_t)tbl_type;
