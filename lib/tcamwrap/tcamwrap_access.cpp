@@ -114,20 +114,23 @@ int tcamwrap_write_tcam3_entry(tbl_params *copy, uint32_t loc, uint8_t *key, uin
     return 0;
 }
 
-/* One entry of a write on an Orvex table, on one instance. The search engine
- * chooses the sloc; the camindex callbacks map it and write the results there.
- * A loc that is already mapped is overwritten: the new copy goes live first,
- * then the old copy is deleted, so the loc never stops matching. */
-int tcamwrap_write_orvex_entry(tbl_params *copy, uint32_t loc, uint8_t *key, uint16_t *prio,
+/* Try once more to store what the table's store refused earlier, so memory and
+ * store converge as soon as the store works again; the error being reported is
+ * kept. */
+void tcamwrap_settle_pending(uint8_t inst, uint32_t tbl_type)
+{
+    const int reported = tcamwrap_saved_errno;
+    (void)tcamwrap_kvs_flush_pending(inst, tbl_type);
+    tcamwrap_saved_errno = reported;
+}
+
+/* The insert (and for an overwrite the delete of the old copy) of one entry;
+ * the result with the saved error word set. */
+int tcamwrap_place_orvex_entry(tbl_params *copy, uint32_t loc, uint8_t *key, uint16_t *prio,
                                const uint8_t *ssram, uint8_t acl_value)
 {
     const uint8_t inst = copy->inst;
     const uint32_t tbl_type = copy->tbl_type;
-    /* A loc the table does not have (or a table not set up on this instance) is
-     * refused before the engine is called: no map index and no orphan entry. */
-    if (tcamwrap_validate_loc(inst, tbl_type, loc) != 0)
-        return tcamwrap_return_saved(-1);
-
     uint32_t old_sloc = (uint32_t)tcamwrap_lmt_get_sloc(inst, tbl_type, loc);
     const bool programmed = old_sloc != TCAMWRAP_INVALID_LOC;
     if (programmed)
@@ -171,6 +174,34 @@ int tcamwrap_write_orvex_entry(tbl_params *copy, uint32_t loc, uint8_t *key, uin
     }
     (void)orvex_tcam_groom(copy, 0, &scratch, bank);
     return 0;
+}
+
+/* One entry of a write on an Orvex table, on one instance. The search engine
+ * chooses the sloc; the camindex callbacks map it and write the results there.
+ * A loc that is already mapped is overwritten: the new copy goes live first,
+ * then the old copy is deleted, so the loc never stops matching. */
+int tcamwrap_write_orvex_entry(tbl_params *copy, uint32_t loc, uint8_t *key, uint16_t *prio,
+                               const uint8_t *ssram, uint8_t acl_value)
+{
+    const uint8_t inst = copy->inst;
+    const uint32_t tbl_type = copy->tbl_type;
+    /* A loc the table does not have (or a table not set up on this instance) is
+     * refused before the engine is called: no map index and no orphan entry. */
+    if (tcamwrap_validate_loc(inst, tbl_type, loc) != 0)
+        return tcamwrap_return_saved(-1);
+    /* While the store holds a mapping older than memory, a new entry could be
+     * given an sloc that the stale mapping still names: store it first, or
+     * refuse the insert. */
+    if (tcamwrap_kvs_flush_pending(inst, tbl_type) != 0) {
+        TCAMWRAP_TRACE_AS("tcamwrap_fwd_tcam_ssram_write", 3,
+                          "*** inst %d LMT<%d %d> changes are not in the store yet: "
+                          "loc: 0x%x not written ***\n",
+                          inst, inst, tbl_type, loc);
+        return tcamwrap_return_saved(-1);
+    }
+    const int rc = tcamwrap_place_orvex_entry(copy, loc, key, prio, ssram, acl_value);
+    tcamwrap_settle_pending(inst, tbl_type);
+    return tcamwrap_return_saved(rc);
 }
 
 /* The Orvex read of keys (and priorities when prio is not NULL). */
@@ -374,6 +405,7 @@ extern "C" int tcamwrap_fwd_tcam_delete(tbl_params *params)
             tcamwrap_set_cb_handle(inst, params->tbl_type, loc, 0, nullptr, TCAMWRAP_OPER_DELETE);
             rc = orvex_tcam_delete_entry(&copy, &sloc);
             tcamwrap_save_errno();
+            tcamwrap_settle_pending(inst, params->tbl_type);
             if (rc != 0) {
                 TCAMWRAP_TRACE(3, "*** inst %d orvex_tcam_delete_entry() failed: %s ***\n", inst,
                                strerror(tcamwrap_saved_errno));

@@ -73,28 +73,64 @@ void tcamwrap_print_camindex_cb_type(uint32_t op, uint32_t old_sloc, uint32_t ne
     }
 }
 
-/* LMT work before an entry is written at new_sloc. An add maps loc at once; an
- * overwrite keeps serving the old copy and journals the switch instead. */
-void tcamwrap_lmt_pre_add(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint32_t oper,
-                          uint32_t new_sloc)
+/* LMT work before an entry is written at new_sloc, ahead of the write: an add
+ * maps loc and stores its segment, an overwrite keeps serving the old copy and
+ * journals the switch instead. 0 to go on; -1 (ENOSPC, or EINVAL for a loc the
+ * table does not have) when the store refused: then nothing is changed, and the
+ * engine must not program an entry that the store does not know. */
+int tcamwrap_lmt_pre_add(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint32_t oper,
+                         uint32_t new_sloc)
 {
     tcam_info *info = tcamwrap_require_table(inst, tbl_type, __func__, 753);
     if (info == nullptr)
-        return;
+        return 0;
     TCAMWRAP_TRACE(7, "PRE_ADD: LMT<%d %d>: oper: %d loc 0x%x --> sloc 0x%x\n", inst, tbl_type,
                    oper, loc, new_sloc);
     if (oper == TCAMWRAP_OPER_ADD) {
+        const uint32_t old_lmt = tcamwrap_lmt_at(info, loc);
+        const uint32_t old_rlmt = tcamwrap_rlmt_at(info, new_sloc);
+        const bool was_pending = tcamwrap_segment_pending(inst, tbl_type, loc);
         tcamwrap_lmt_set(info, loc, new_sloc);
         tcamwrap_rlmt_set(info, new_sloc, loc);
-        (void)tcamwrap_store_changed_loc(info, inst, tbl_type, loc);
-    } else if (oper == TCAMWRAP_OPER_OVERWRITE) {
+        if (tcamwrap_store_changed_loc(info, inst, tbl_type, loc) == 0)
+            return 0;
+        /* The stored segment did not change: put memory back to match it. */
+        tcamwrap_lmt_set(info, loc, old_lmt);
+        tcamwrap_rlmt_set(info, new_sloc, old_rlmt);
+        if (loc < info->lmt_sz)
+            tcamwrap_segment_mark_pending(inst, tbl_type, loc, was_pending);
+        return -1;
+    }
+    if (oper == TCAMWRAP_OPER_OVERWRITE) {
         const uint32_t old_sloc = tcamwrap_lmt_at(info, loc);
         TCAMWRAP_ASSERT(old_sloc != TCAMWRAP_INVALID_LOC, __func__, 785);
-        tcamwrap_kvs_store_ha_overwrite(inst, tbl_type, loc, old_sloc, new_sloc);
-    } else {
-        TCAMWRAP_TRACE(3, "*** PRE_ADD is called with unexpected oper: %d ***\n", oper);
-        TCAMWRAP_ASSERT(false, __func__, 802);
+        return tcamwrap_kvs_store_ha_overwrite(inst, tbl_type, loc, old_sloc, new_sloc);
     }
+    TCAMWRAP_TRACE(3, "*** PRE_ADD is called with unexpected oper: %d ***\n", oper);
+    TCAMWRAP_ASSERT(false, __func__, 802);
+    return 0;
+}
+
+/* The result memories of an insert could not be written: take back what
+ * tcamwrap_lmt_pre_add() did, so the loc keeps exactly what it had. A store
+ * that refuses the undo leaves it pending. The saved error word keeps the
+ * failure being reported. */
+void tcamwrap_lmt_pre_add_undo(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint32_t oper,
+                               uint32_t new_sloc)
+{
+    tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
+    if (info == nullptr)
+        return;
+    const int reported = tcamwrap_saved_errno;
+    if (oper == TCAMWRAP_OPER_ADD && tcamwrap_lmt_at(info, loc) == new_sloc) {
+        tcamwrap_lmt_set(info, loc, TCAMWRAP_INVALID_LOC);
+        if (tcamwrap_rlmt_at(info, new_sloc) == loc)
+            tcamwrap_rlmt_set(info, new_sloc, TCAMWRAP_INVALID_LOC);
+        (void)tcamwrap_store_changed_loc(info, inst, tbl_type, loc);
+    } else if (oper == TCAMWRAP_OPER_OVERWRITE) {
+        (void)tcamwrap_kvs_delete_ha_overwrite(inst, tbl_type);
+    }
+    tcamwrap_saved_errno = reported;
 }
 
 int tcamwrap_lmt_post_move(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint32_t old_sloc,
@@ -144,8 +180,11 @@ int tcamwrap_lmt_post_del_overwrite(tcam_info *info, uint8_t inst, uint32_t tbl_
     tcamwrap_rlmt_set(info, old_sloc, TCAMWRAP_INVALID_LOC);
     tcamwrap_rlmt_set(info, new_sloc, loc);
     const int stored = tcamwrap_store_changed_loc(info, inst, tbl_type, loc);
-    if (stored != 0)
-        return stored; /* the journal record stays for the next start */
+    if (stored != 0) {
+        /* The record stays until the segment is in the store. */
+        tcamwrap_journal_mark_pending(inst, tbl_type);
+        return stored;
+    }
     return tcamwrap_kvs_delete_ha_overwrite(inst, tbl_type);
 }
 
@@ -311,8 +350,12 @@ extern "C" int tcamwrap_cb_orvex_tcam_camindex(void *handle, uint32_t unused1, u
     switch (op) {
     case TCAMWRAP_CB_PRE_ADD:
         TCAMWRAP_TRACE(7, "%s: new sloc is 0x%x\n", __func__, new_sloc);
-        tcamwrap_lmt_pre_add(h->inst, h->tbl_type, h->loc, h->oper, new_sloc);
+        rc = tcamwrap_lmt_pre_add(h->inst, h->tbl_type, h->loc, h->oper, new_sloc);
+        if (rc != 0)
+            break; /* the store refused: the engine must not program the entry */
         rc = tcamwrap_write_results_at(h, &params, new_sloc);
+        if (rc != 0)
+            tcamwrap_lmt_pre_add_undo(h->inst, h->tbl_type, h->loc, h->oper, new_sloc);
         break;
     case TCAMWRAP_CB_POST_ADD:
         TCAMWRAP_TRACE(7, "%s: Post add for sloc is 0x%x\n", __func__, new_sloc);
@@ -325,8 +368,15 @@ extern "C" int tcamwrap_cb_orvex_tcam_camindex(void *handle, uint32_t unused1, u
         (void)tcamwrap_lmt_post_del(h->inst, h->tbl_type, old_sloc, h->oper);
         break;
     case TCAMWRAP_CB_PRE_MOVE: {
-        (void)tcamwrap_cb_populate_handle(h, old_sloc, TCAMWRAP_OPER_MOVE);
-        h->loc = tcamwrap_rlmt_get_loc(tcamwrap_tcam_info(h->inst, h->tbl_type), old_sloc);
+        const tcam_info *info = tcamwrap_tcam_info(h->inst, h->tbl_type);
+        const int populated = tcamwrap_cb_populate_handle(h, old_sloc, TCAMWRAP_OPER_MOVE);
+        h->loc = tcamwrap_rlmt_get_loc(info, old_sloc);
+        /* An owned entry whose results could not be read must not move: its
+         * copy would carry the handle's stale results. */
+        if (populated != 0 && h->loc != TCAMWRAP_INVALID_LOC) {
+            rc = populated;
+            break;
+        }
         rc = tcamwrap_write_results_at(h, &params, new_sloc);
         break;
     }

@@ -471,6 +471,7 @@ extern "C" int tcamwrap_init(const int32_t *tbl_types, uint32_t num_tcams, uint3
     for (auto &per_inst : tcamwrap_gl_db.tcam_info)
         for (auto &slot : per_inst)
             slot = nullptr;
+    tcamwrap_pending_reset();
     tcamwrap_gl_db.kvs_handle = kvs_handle;
     tcamwrap_gl_db.debug_elem = debug_elem;
     tcamwrap_gl_db.debug_level = debug_level;

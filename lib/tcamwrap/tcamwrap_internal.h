@@ -152,11 +152,21 @@ void tcamwrap_set_cb_handle(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint8
 
 int tcamwrap_kvs_store_lmt_segment(uint8_t inst, uint32_t tbl_type, uint32_t loc);
 int tcamwrap_lmt_restore(uint8_t inst, uint32_t tbl_type);
-void tcamwrap_kvs_store_ha_overwrite(uint8_t inst, uint32_t tbl_type, uint32_t loc,
-                                     uint32_t old_sloc, uint32_t new_sloc);
+int tcamwrap_kvs_store_ha_overwrite(uint8_t inst, uint32_t tbl_type, uint32_t loc,
+                                    uint32_t old_sloc, uint32_t new_sloc);
 int tcamwrap_kvs_delete_ha_overwrite(uint8_t inst, uint32_t tbl_type);
 int tcamwrap_ha_overwrite_restore(uint8_t inst, uint32_t tbl_type, uint32_t *record);
 int tcamwrap_post_restore(uint8_t inst, uint32_t tbl_type);
+
+/* Store debt: a segment store that failed leaves its segment pending, a journal
+ * delete that failed leaves the record pending; both are retried before the
+ * table's next store and by tcamwrap_kvs_flush_pending(), which answers 0 once
+ * nothing is pending (else -1, ENOSPC in the saved error word). */
+void tcamwrap_pending_reset(void);
+int tcamwrap_kvs_flush_pending(uint8_t inst, uint32_t tbl_type);
+bool tcamwrap_segment_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc);
+void tcamwrap_segment_mark_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc, bool pending);
+void tcamwrap_journal_mark_pending(uint8_t inst, uint32_t tbl_type);
 
 /* The overwrite record's words. */
 enum { TCAMWRAP_OW_LOC = 0, TCAMWRAP_OW_OLD_SLOC = 1, TCAMWRAP_OW_NEW_SLOC = 2 };

@@ -7,9 +7,36 @@
  * {record type, inst, tbl_type, segment or 0}, so the records of one table are
  * contiguous in key order and a restore walks them with one cursor.
  */
+#include <bitset>
+
 #include "tcamwrap_internal.h"
 
 namespace {
+
+/* What the store has not taken yet, per table: LMT segments whose stored copy
+ * differs from the LMT in memory, and a journal record that should be gone.
+ * Each is stored (or deleted) again before the table's next store and around
+ * every public write or delete, so memory and store converge as soon as the
+ * store works again; until then inserts into the table are refused. Lost with
+ * the process: a restart reconciles the store it finds. */
+struct tcamwrap_pending_t {
+    std::bitset<256> segs;
+    bool journal = false;
+    bool any() const { return journal || segs.any(); }
+};
+tcamwrap_pending_t tcamwrap_pending[TCAMWRAP_MAX_INSTS][4];
+
+tcamwrap_pending_t *tcamwrap_pending_of(uint8_t inst, uint32_t tbl_type)
+{
+    if (inst >= TCAMWRAP_MAX_INSTS || tbl_type >= 4)
+        return nullptr;
+    return &tcamwrap_pending[inst][tbl_type];
+}
+
+uint32_t tcamwrap_segment_of(uint32_t loc)
+{
+    return (loc >> TCAMWRAP_SEG_SHIFT) & 0xFF;
+}
 
 /* Build {prefix, type, inst, tbl_type, last} in the library's key buffer. */
 kvs_buf *tcamwrap_kvs_build_key(uint8_t type, uint8_t inst, uint32_t tbl_type, uint8_t last)
@@ -125,21 +152,101 @@ void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *in
 
 /* ---- LMT segments ------------------------------------------------------------- */
 
+namespace {
+
+/* Store one segment as the LMT in memory holds it now, and keep the table's
+ * pending set in step with the outcome. */
+int tcamwrap_kvs_put_segment(const tcam_info *info, uint8_t inst, uint32_t tbl_type, uint32_t seg)
+{
+    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type, (uint8_t)seg);
+    kvs_buf value = {reinterpret_cast<uint8_t *>(info->lmt + seg * TCAMWRAP_SEG_ENTRIES),
+                     (uint32_t)(tcamwrap_segment_words(info->lmt_sz, seg) * sizeof(uint32_t))};
+    TCAMWRAP_TRACE_AS("tcamwrap_kvs_store_lmt_segment", 7, "storing LMT segment<%d %d>: %d \n",
+                      inst, tbl_type, seg);
+    const int rc = kvs_store(tcamwrap_gl_db.kvs_handle, TCAMWRAP_KVS_MODE, key, &value);
+    tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
+    if (pending != nullptr)
+        pending->segs.set(seg, rc != 0);
+    if (rc == 0)
+        return 0;
+    TCAMWRAP_TRACE_AS("tcamwrap_kvs_store_lmt_segment", 3,
+                      "*** LMT segment<%d %d>: %d kvs_store() failed: %s ***\n", inst, tbl_type,
+                      seg, errcode2str(rc));
+    tcamwrap_saved_errno = ENOSPC;
+    return -1;
+}
+
+/* Store again every pending segment of the table except `skip`. */
+void tcamwrap_kvs_retry_segments(const tcam_info *info, uint8_t inst, uint32_t tbl_type,
+                                 uint32_t skip)
+{
+    const tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
+    if (pending == nullptr || pending->segs.none())
+        return;
+    const std::bitset<256> segs = pending->segs;
+    for (uint32_t seg = 0; seg < segs.size(); seg++)
+        if (segs.test(seg) && seg != skip)
+            (void)tcamwrap_kvs_put_segment(info, inst, tbl_type, seg);
+}
+
+} // namespace
+
 int tcamwrap_kvs_store_lmt_segment(uint8_t inst, uint32_t tbl_type, uint32_t loc)
 {
     tcam_info *info = tcamwrap_require_table(inst, tbl_type, __func__, 395);
     if (info == nullptr)
         return -1;
-    const uint32_t seg = (loc >> TCAMWRAP_SEG_SHIFT) & 0xFF;
-    kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type, (uint8_t)seg);
-    kvs_buf value = {reinterpret_cast<uint8_t *>(info->lmt + seg * TCAMWRAP_SEG_ENTRIES),
-                     (uint32_t)(tcamwrap_segment_words(info->lmt_sz, seg) * sizeof(uint32_t))};
-    TCAMWRAP_TRACE(7, "storing LMT segment<%d %d>: %d \n", inst, tbl_type, seg);
-    const int rc = kvs_store(tcamwrap_gl_db.kvs_handle, TCAMWRAP_KVS_MODE, key, &value);
-    if (rc == 0)
+    const uint32_t seg = tcamwrap_segment_of(loc);
+    tcamwrap_kvs_retry_segments(info, inst, tbl_type, seg);
+    return tcamwrap_kvs_put_segment(info, inst, tbl_type, seg);
+}
+
+void tcamwrap_pending_reset(void)
+{
+    for (auto &per_inst : tcamwrap_pending)
+        for (auto &table : per_inst)
+            table = tcamwrap_pending_t{};
+}
+
+bool tcamwrap_segment_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc)
+{
+    const tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
+    return pending != nullptr && pending->segs.test(tcamwrap_segment_of(loc));
+}
+
+void tcamwrap_segment_mark_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc, bool pending)
+{
+    tcamwrap_pending_t *p = tcamwrap_pending_of(inst, tbl_type);
+    if (p != nullptr)
+        p->segs.set(tcamwrap_segment_of(loc), pending);
+}
+
+void tcamwrap_journal_mark_pending(uint8_t inst, uint32_t tbl_type)
+{
+    tcamwrap_pending_t *p = tcamwrap_pending_of(inst, tbl_type);
+    if (p != nullptr)
+        p->journal = true;
+}
+
+int tcamwrap_kvs_flush_pending(uint8_t inst, uint32_t tbl_type)
+{
+    tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
+    const tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
+    if (pending == nullptr || !pending->any())
         return 0;
-    TCAMWRAP_TRACE(3, "*** LMT segment<%d %d>: %d kvs_store() failed: %s ***\n", inst, tbl_type,
-                   seg, errcode2str(rc));
+    if (info != nullptr)
+        tcamwrap_kvs_retry_segments(info, inst, tbl_type, TCAMWRAP_SEG_ENTRIES);
+    /* The record goes only once the segments that finish its overwrite are in
+     * the store, as at the end of an overwrite. */
+    if (pending->journal && pending->segs.none() &&
+        tcamwrap_kvs_delete_ha_overwrite(inst, tbl_type) != 0) {
+        uint32_t record[3];
+        (void)tcamwrap_ha_overwrite_restore(inst, tbl_type, record);
+        if (record[TCAMWRAP_OW_LOC] == TCAMWRAP_INVALID_LOC)
+            pending->journal = false; /* already gone */
+    }
+    if (!pending->any())
+        return 0;
     tcamwrap_saved_errno = ENOSPC;
     return -1;
 }
@@ -169,8 +276,8 @@ int tcamwrap_lmt_restore(uint8_t inst, uint32_t tbl_type)
 
 /* ---- overwrite journal --------------------------------------------------------- */
 
-void tcamwrap_kvs_store_ha_overwrite(uint8_t inst, uint32_t tbl_type, uint32_t loc,
-                                     uint32_t old_sloc, uint32_t new_sloc)
+int tcamwrap_kvs_store_ha_overwrite(uint8_t inst, uint32_t tbl_type, uint32_t loc,
+                                    uint32_t old_sloc, uint32_t new_sloc)
 {
     kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_OVERWRITE, inst, tbl_type, 0);
     uint32_t record[3] = {loc, old_sloc, new_sloc};
@@ -178,13 +285,18 @@ void tcamwrap_kvs_store_ha_overwrite(uint8_t inst, uint32_t tbl_type, uint32_t l
     TCAMWRAP_TRACE(7, "storing overwrite info <%d, %d>: loc 0x%x old_sloc 0x%x new_sloc 0x%x\n",
                    inst, tbl_type, loc, old_sloc, new_sloc);
     const int rc = kvs_store(tcamwrap_gl_db.kvs_handle, TCAMWRAP_KVS_MODE, key, &value);
-    if (rc != 0) {
-        TCAMWRAP_TRACE(3,
-                       "*** overwrite info <%d %d>: loc 0x%x old_sloc 0x%x new_sloc 0x%x "
-                       "kvs_store() failed: %s ***\n",
-                       inst, tbl_type, loc, old_sloc, new_sloc, errcode2str(rc));
-        tcamwrap_saved_errno = ENOSPC;
+    if (rc == 0) {
+        /* The live record replaced any stale one. */
+        if (tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type))
+            pending->journal = false;
+        return 0;
     }
+    TCAMWRAP_TRACE(3,
+                   "*** overwrite info <%d %d>: loc 0x%x old_sloc 0x%x new_sloc 0x%x "
+                   "kvs_store() failed: %s ***\n",
+                   inst, tbl_type, loc, old_sloc, new_sloc, errcode2str(rc));
+    tcamwrap_saved_errno = ENOSPC;
+    return -1;
 }
 
 int tcamwrap_kvs_delete_ha_overwrite(uint8_t inst, uint32_t tbl_type)
@@ -192,6 +304,8 @@ int tcamwrap_kvs_delete_ha_overwrite(uint8_t inst, uint32_t tbl_type)
     kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_OVERWRITE, inst, tbl_type, 0);
     TCAMWRAP_TRACE(7, "deleting overwrite info <%d, %d>\n", inst, tbl_type);
     const int rc = kvs_delete(tcamwrap_gl_db.kvs_handle, key);
+    if (tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type))
+        pending->journal = rc != 0;
     if (rc == 0)
         return 0;
     TCAMWRAP_TRACE(3, "*** overwrite info <%d %d> kvs_delete() failed: %s ***\n", inst, tbl_type,
@@ -239,6 +353,18 @@ int tcamwrap_ha_overwrite_restore(uint8_t inst, uint32_t tbl_type, uint32_t *rec
 
 namespace {
 
+/* LMT segments changed by a reconciliation: each is stored once, after the
+ * scan. The store ends as one store per changed loc would leave it, and a
+ * restart that dies before the stores finds the same differences again. */
+using tcamwrap_segment_set = std::bitset<256>;
+
+void tcamwrap_store_segments(uint8_t inst, uint32_t tbl_type, const tcamwrap_segment_set &segs)
+{
+    for (uint32_t seg = 0; seg < segs.size(); seg++)
+        if (segs.test(seg))
+            (void)tcamwrap_kvs_store_lmt_segment(inst, tbl_type, seg << TCAMWRAP_SEG_SHIFT);
+}
+
 /* Delete the hardware entry at *sloc through the search engine with the handle
  * set for a reconciliation delete (the callbacks leave the maps alone). */
 int tcamwrap_post_restore_delete(tbl_params *params, uint32_t loc, uint32_t start_addr,
@@ -272,6 +398,7 @@ void tcamwrap_post_restore_switch(tcam_info *info, uint8_t inst, uint32_t tbl_ty
         info->rlmt[target] = loc;
     if (lmt_sloc < info->lmt_sz)
         info->rlmt[lmt_sloc] = TCAMWRAP_INVALID_LOC;
+    /* Stored before the record goes, as at the end of an overwrite. */
     if (loc < info->lmt_sz)
         (void)tcamwrap_kvs_store_lmt_segment(inst, tbl_type, loc);
 }
@@ -279,6 +406,17 @@ void tcamwrap_post_restore_switch(tcam_info *info, uint8_t inst, uint32_t tbl_ty
 bool tcamwrap_sloc_in_hw(const tcam_info *info, uint32_t sloc)
 {
     return sloc < info->lmt_sz && info->sloc_valid[sloc] != 0;
+}
+
+/* A copy named by the journal is the overwritten loc's only while the hardware
+ * holds it and the restored LMT gives it to no other loc: a record that outlived
+ * its overwrite (its delete failed) may name a place the engine reused since. */
+bool tcamwrap_journal_copy_ours(const tcam_info *info, uint32_t sloc, uint32_t loc)
+{
+    if (!tcamwrap_sloc_in_hw(info, sloc))
+        return false;
+    const uint32_t owner = info->rlmt[sloc];
+    return owner == TCAMWRAP_INVALID_LOC || owner == loc;
 }
 
 /* Finish or undo the overwrite that the journal says was in flight. */
@@ -301,11 +439,16 @@ int tcamwrap_post_restore_journal(tcam_info *info, tbl_params *params, uint32_t 
                       "<%d, %d> Corresponding LMT information: loc: 0x%x sloc: 0x%x\n", inst,
                       tbl_type, loc, lmt_sloc);
 
-    if (old_valid && !new_valid) {
+    /* An overwrite in flight leaves its loc at one of its two copies; a loc
+     * anywhere else has moved on and the record is stale. */
+    const bool in_flight = lmt_sloc == old_sloc || lmt_sloc == new_sloc;
+    const bool old_ours = in_flight && tcamwrap_journal_copy_ours(info, old_sloc, loc);
+    const bool new_ours = in_flight && tcamwrap_journal_copy_ours(info, new_sloc, loc);
+    if (old_ours && !new_ours) {
         tcamwrap_post_restore_switch(info, inst, tbl_type, loc, lmt_sloc, old_sloc);
-    } else if (new_valid) {
+    } else if (new_ours) {
         tcamwrap_post_restore_switch(info, inst, tbl_type, loc, lmt_sloc, new_sloc);
-        if (old_valid) {
+        if (old_ours) {
             TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
                               "<%d, %d> invalidating the entry at old_sloc: 0x%x\n", inst,
                               tbl_type, old_sloc);
@@ -313,12 +456,18 @@ int tcamwrap_post_restore_journal(tcam_info *info, tbl_params *params, uint32_t 
                                                         &record[TCAMWRAP_OW_OLD_SLOC]);
             if (rc != 0)
                 return rc; /* the record stays for the next start */
+            info->sloc_valid[old_sloc] = 0; /* gone: the orphan scan must not see it */
         }
-    } else {
+    } else if (!old_valid && !new_valid) {
         TCAMWRAP_ASSERT(false, "tcamwrap_post_restore", 1364);
         TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 2,
                           "*** <%d, %d> found overwrite kvs record loc: 0x%x old_sloc: 0x%x "
                           "new_sloc: 0x%x where both old and new slocs are invalid in hw..!! ***\n",
+                          inst, tbl_type, loc, old_sloc, new_sloc);
+    } else {
+        TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
+                          "*** <%d, %d> stale overwrite kvs record loc: 0x%x old_sloc: 0x%x "
+                          "new_sloc: 0x%x: its copies belong to other locs ***\n",
                           inst, tbl_type, loc, old_sloc, new_sloc);
     }
 
@@ -328,22 +477,44 @@ int tcamwrap_post_restore_journal(tcam_info *info, tbl_params *params, uint32_t 
     return 0;
 }
 
-/* Drop mappings to locations that hold no entry in the hardware. */
-void tcamwrap_post_restore_lmt_scan(tcam_info *info, uint8_t inst, uint32_t tbl_type)
+void tcamwrap_post_restore_drop_loc(tcam_info *info, uint8_t inst, uint32_t tbl_type, uint32_t loc,
+                                    uint32_t sloc, tcamwrap_segment_set &changed)
+{
+    TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3, "<%d, %d> Invalidating LMT entry at loc: 0x%x\n",
+                      inst, tbl_type, loc);
+    if (sloc < info->lmt_sz)
+        info->rlmt[sloc] = TCAMWRAP_INVALID_LOC;
+    info->lmt[loc] = TCAMWRAP_INVALID_LOC;
+    changed.set(tcamwrap_segment_of(loc));
+}
+
+/* Drop mappings to locations that hold no entry in the hardware, and mappings
+ * of several locs to one location: the store cannot say whose entry it holds,
+ * so none of them keeps it (the orphan scan then deletes it). */
+void tcamwrap_post_restore_lmt_scan(tcam_info *info, uint8_t inst, uint32_t tbl_type,
+                                    tcamwrap_segment_set &changed)
 {
     for (uint32_t loc = 0; loc < info->lmt_sz; loc++) {
         const uint32_t sloc = info->lmt[loc];
-        if (sloc == TCAMWRAP_INVALID_LOC || tcamwrap_sloc_in_hw(info, sloc))
+        if (sloc == TCAMWRAP_INVALID_LOC)
+            continue;
+        if (!tcamwrap_sloc_in_hw(info, sloc)) {
+            TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
+                              "<%d, %d> LMT inconsistency found at loc: 0x%x sloc: 0x%x ..!!\n",
+                              inst, tbl_type, loc, sloc);
+            tcamwrap_post_restore_drop_loc(info, inst, tbl_type, loc, sloc, changed);
+            continue;
+        }
+        const uint32_t owner = info->rlmt[sloc];
+        if (owner == loc)
             continue;
         TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
-                          "<%d, %d> LMT inconsistency found at loc: 0x%x sloc: 0x%x ..!!\n", inst,
-                          tbl_type, loc, sloc);
-        TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
-                          "<%d, %d> Invalidating LMT entry at loc: 0x%x\n", inst, tbl_type, loc);
-        if (sloc < info->lmt_sz)
-            info->rlmt[sloc] = TCAMWRAP_INVALID_LOC;
-        info->lmt[loc] = TCAMWRAP_INVALID_LOC;
-        (void)tcamwrap_kvs_store_lmt_segment(inst, tbl_type, loc);
+                          "<%d, %d> LMT inconsistency found at loc: 0x%x sloc: 0x%x claimed by "
+                          "loc: 0x%x too ..!!\n",
+                          inst, tbl_type, loc, sloc, owner);
+        if (owner < info->lmt_sz)
+            tcamwrap_post_restore_drop_loc(info, inst, tbl_type, owner, sloc, changed);
+        tcamwrap_post_restore_drop_loc(info, inst, tbl_type, loc, sloc, changed);
     }
 }
 
@@ -369,6 +540,9 @@ int tcamwrap_post_restore_rlmt_scan(tcam_info *info, tbl_params *params)
 
 } // namespace
 
+/* Make LMT, RLMT, journal and hardware agree after a restart: finish the
+ * journalled overwrite, then drop mappings the hardware does not back and
+ * delete entries no loc owns. */
 int tcamwrap_post_restore(uint8_t inst, uint32_t tbl_type)
 {
     tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
@@ -381,12 +555,17 @@ int tcamwrap_post_restore(uint8_t inst, uint32_t tbl_type)
 
     tbl_params params = {inst, tbl_type, 1, 0, 0};
     uint32_t record[3];
-    const int rc = tcamwrap_ha_overwrite_restore(inst, tbl_type, record);
+    int rc = tcamwrap_ha_overwrite_restore(inst, tbl_type, record);
     if (rc != 0)
         return rc;
-    if (record[TCAMWRAP_OW_LOC] != TCAMWRAP_INVALID_LOC)
-        return tcamwrap_post_restore_journal(info, &params, record);
+    if (record[TCAMWRAP_OW_LOC] != TCAMWRAP_INVALID_LOC) {
+        rc = tcamwrap_post_restore_journal(info, &params, record);
+        if (rc != 0)
+            return rc;
+    }
 
-    tcamwrap_post_restore_lmt_scan(info, inst, tbl_type);
+    tcamwrap_segment_set changed;
+    tcamwrap_post_restore_lmt_scan(info, inst, tbl_type, changed);
+    tcamwrap_store_segments(inst, tbl_type, changed);
     return tcamwrap_post_restore_rlmt_scan(info, &params);
 }

@@ -284,21 +284,25 @@ TEST_F(Mapping, ResultMemoryFailuresAreTheCallbacksResult)
         SetUp();
         tcam_info *ti = fresh(c.tbl, 64);
         int rc;
+        errno = 0;
         if (c.pre_move) {
             add(ti, 2, 3, make_word(1), c.aclp);
             fake::fail(c.fn, 41, EBUSY);
-            fake::clear_traces();
+            fake::clear_calls();
+            /* An owned entry whose results cannot be read is not moved. */
             rc = cam(&ti->cb_handle, TCAMWRAP_CB_PRE_MOVE, 3, 9);
-            /* The populate failure is ignored: the handle data is still written. */
-            EXPECT_EQ(rc, 0);
+            EXPECT_TRUE(fake::calls_of("fwd_ssram_write").empty());
+            EXPECT_TRUE(fake::calls_of("fwd_flow_result_write").empty());
         } else {
             fake::fail(c.fn, 41, EBUSY);
             prepare(&ti->cb_handle, 2, TCAMWRAP_OPER_ADD, c.aclp, make_word(1));
-            errno = 0;
             rc = cam(&ti->cb_handle, TCAMWRAP_CB_PRE_ADD, INV, 9);
-            EXPECT_EQ(rc, 41);
-            EXPECT_EQ(errno, EBUSY);
+            /* Nothing was programmed: the add is taken back. */
+            EXPECT_EQ(ti->lmt[2], INV);
+            EXPECT_EQ(ti->rlmt[9], INV);
         }
+        EXPECT_EQ(rc, 41);
+        EXPECT_EQ(errno, EBUSY);
         EXPECT_TRUE(traced(c.pre_move ? "tcamwrap_cb_populate_handle" : "tcamwrap_internal_ssram_update",
                            with_error(c.trace, err_text(EBUSY))))
             << dump_traces();

@@ -232,7 +232,7 @@ protected:
         uint32_t w[3] = {loc, old_sloc, new_sloc};
         fake::store()[fake::store_key(prefix_str(), 3, 0, 3, 0)] = words_image(w, 3);
     }
-    static void hardware(std::initializer_list<uint32_t> slocs)
+    static void hardware(const std::vector<uint32_t> &slocs)
     {
         for (uint32_t s : slocs)
             fake::hw_entry(0, FIB, s, make_key(FIB, s), uint16_t(s));
@@ -267,16 +267,17 @@ TEST_F(Restart, JournalStates)
         {"both copies", {9, 20}, 9, 20, true,
          {"<0, 3> Changing LMT to loc: 0x5 -> sloc: 0x14\n", "<0, 3> invalidating the entry at old_sloc: 0x9\n",
           "<0, 3> Deleting Overwrite KVS record..\n"}},
-        {"neither copy", {}, 9, 9, false,
+        {"neither copy", {}, 9, INV, false,
          {"*** <0, 3> found overwrite kvs record loc: 0x5 old_sloc: 0x9 new_sloc: 0x14 where both old and new slocs "
           "are invalid in hw..!! ***\n",
-          "<0, 3> Deleting Overwrite KVS record..\n"}},
+          "<0, 3> Deleting Overwrite KVS record..\n", "<0, 3> LMT inconsistency found at loc: 0x5 sloc: 0x9 ..!!\n",
+          "<0, 3> Invalidating LMT entry at loc: 0x5\n"}},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         SetUp();
         lmt[5] = c.lmt_at;
-        lmt[7] = 30;   /* stray: no entry at 30; a journal start-up repairs only the record */
+        lmt[7] = 30;   /* stray: no entry at 30; the scans run after the record */
         for (uint32_t s : c.hw)
             fake::hw_entry(0, FIB, s, make_key(FIB, s), 1);
         store_journal(5, 9, 20);
@@ -291,19 +292,19 @@ TEST_F(Restart, JournalStates)
                 int(old_valid), int(new_valid)),
             fmt("<0, 3> Corresponding LMT information: loc: 0x5 sloc: 0x%x\n", c.lmt_at)};
         want.insert(want.end(), c.extra.begin(), c.extra.end());
+        want.push_back("<0, 3> LMT inconsistency found at loc: 0x7 sloc: 0x1e ..!!\n");
+        want.push_back("<0, 3> Invalidating LMT entry at loc: 0x7\n");
         EXPECT_EQ(post_texts(), want) << dump_traces();
 
         EXPECT_EQ(ti->lmt[5], c.lmt_after);
-        EXPECT_EQ(ti->rlmt[c.lmt_after], 5u);
-        uint32_t other = c.lmt_after == 9 ? 20 : 9;
-        EXPECT_EQ(ti->rlmt[other], INV);
-        EXPECT_EQ(ti->lmt[7], 30u) << "the LMT scan must not run in the journal case";
+        for (uint32_t s : {9u, 20u})
+            EXPECT_EQ(ti->rlmt[s], s == c.lmt_after ? 5u : INV);
+        EXPECT_EQ(ti->lmt[7], INV);
         EXPECT_FALSE(journal_present());
-        bool changed = c.lmt_at != c.lmt_after;
-        EXPECT_EQ(fake::calls_of("kvs_store").size(), changed ? 1u : 0u);
-        if (changed) {
-            EXPECT_EQ(fake::store()[fake::store_key(prefix_str(), 2, 0, 3, 0)], words_image(ti->lmt, kSize));
-        }
+        /* The switch is stored before the record goes, the scan's changes once after it. */
+        bool changed = c.lmt_at != c.lmt_after && c.lmt_after != INV;
+        EXPECT_EQ(fake::calls_of("kvs_store").size(), changed ? 2u : 1u);
+        EXPECT_EQ(fake::store()[fake::store_key(prefix_str(), 2, 0, 3, 0)], words_image(ti->lmt, kSize));
         auto del = fake::calls_of("orvex_tcam_delete_entry");
         ASSERT_EQ(del.size(), c.engine_delete ? 1u : 0u);
         if (c.engine_delete) {
@@ -316,16 +317,42 @@ TEST_F(Restart, JournalStates)
     }
 }
 
-TEST_F(Restart, JournalWithALostMappingIsRepairedSafely)
+TEST_F(Restart, StaleJournalRecordsNeverTakeAnotherLocsEntry)
 {
-    /* LMT[5] is invalid: the RLMT must not be written at the invalid index. */
-    hardware({20});
-    store_journal(5, 9, 20);
-    ASSERT_EQ(restart(), 0);
-    tcam_info *ti = info(0, FIB);
-    EXPECT_EQ(ti->lmt[5], 20u);
-    EXPECT_EQ(ti->rlmt[20], 5u);
-    EXPECT_FALSE(journal_present());
+    struct Case {
+        const char *name;
+        uint32_t lmt5;            /* where the restored LMT puts the journalled loc 5 */
+        uint32_t lmt8;            /* loc 8, which may own one of the record's places */
+        std::vector<uint32_t> hw;
+        std::vector<uint32_t> deleted;
+    } cases[] = {
+        /* The record outlived its overwrite and the engine gave old_sloc 9 to loc 8. */
+        {"old place reused", 20, 9, {9, 20}, {}},
+        /* Loc 5 moved on (deleted); new_sloc 20 now belongs to loc 8. */
+        {"new place reused", INV, 20, {9, 20}, {9}},
+        /* Loc 5 lost its mapping: the unowned copy is nobody's. */
+        {"loc unmapped", INV, INV, {20}, {20}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        SetUp();
+        lmt[5] = c.lmt5;
+        lmt[8] = c.lmt8;
+        hardware(c.hw);
+        store_journal(5, 9, 20);
+        ASSERT_EQ(restart(), 0);
+        tcam_info *ti = info(0, FIB);
+        EXPECT_EQ(ti->lmt[5], c.lmt5);
+        EXPECT_EQ(ti->lmt[8], c.lmt8);
+        if (c.lmt8 != INV) {
+            EXPECT_EQ(ti->rlmt[c.lmt8], 8u);
+        }
+        std::vector<uint32_t> deleted;
+        for (const auto &call : fake::calls_of("orvex_tcam_delete_entry"))
+            deleted.push_back(call.a[0]);
+        EXPECT_EQ(deleted, c.deleted);
+        EXPECT_FALSE(journal_present());
+    }
 }
 
 TEST_F(Restart, StrayMappingsAndOrphanEntriesAreRepaired)
