@@ -58,6 +58,34 @@ double seconds_since(Clock::time_point t0)
     return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
+double cpu_seconds()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
+
+// Elapsed and processor time of a piece of work. On a machine shared with other
+// jobs the processor time is the steadier of the two.
+struct Times {
+    double wall = 0, cpu = 0;
+    Times &operator+=(const Times &o)
+    {
+        wall += o.wall;
+        cpu += o.cpu;
+        return *this;
+    }
+    Times operator/(double n) const { return Times{wall / n, cpu / n}; }
+};
+
+struct Stopwatch {
+    Clock::time_point wall0 = Clock::now();
+    double cpu0 = cpu_seconds();
+    double wall() const { return seconds_since(wall0); }
+    double cpu() const { return cpu_seconds() - cpu0; }
+    Times times() const { return Times{wall(), cpu()}; }
+};
+
 // ---- run profile ---------------------------------------------------------------------
 
 struct Profile {
@@ -76,7 +104,7 @@ struct Profile {
 
 const Profile kFull{"full", 65536, 4096, 8, {16384, 65536, 262144}, {0.25, 0.5, 0.85}, 262144,
                     5, 3, 8192, 60.0};
-const Profile kSmoke{"smoke", 4096, 256, 2, {2048, 4096}, {0.5, 0.85}, 4096, 2, 1, 512, 5.0};
+const Profile kSmoke{"smoke", 4096, 256, 2, {4096, 8192}, {0.5, 0.85}, 8192, 2, 1, 512, 5.0};
 
 Profile g_profile = kFull;
 uint64_t g_seed = 1;
@@ -238,6 +266,7 @@ std::string build_calls_table(const Kind &kind, CallsTable &t)
 // What one side (library or floor) did in its batches.
 struct Side {
     double seconds = 0;
+    double cpu = 0;
     CallCounts calls;
     probe::Allocations allocs;
 };
@@ -249,12 +278,14 @@ template <typename Body> std::string timed_batch(Side &side, Body body)
     const CallCounts before = platform_calls();
     probe::reset_allocations();
     probe::count_allocations(true);
-    const auto t0 = Clock::now();
+    const Stopwatch sw;
     const std::string err = body();
-    const double s = seconds_since(t0);
+    const double s = sw.wall();
+    const double cpu = sw.cpu();
     probe::count_allocations(false);
     const probe::Allocations a = probe::allocations();
     side.seconds += s;
+    side.cpu += cpu;
     side.allocs.library += a.library;
     side.allocs.store += a.store;
     side.allocs.simulator += a.simulator;
@@ -330,6 +361,7 @@ void report_side(benchmark::State &state, const char *prefix, const Side &s, uin
 {
     const std::string p(prefix);
     state.counters[p + "_ns"] = 1e9 * s.seconds / double(ops);
+    state.counters[p + "_cpu_ns"] = 1e9 * s.cpu / double(ops);
     state.counters[p + "_platform_calls"] = double(total_calls(s.calls)) / double(ops);
     state.counters[p + "_allocs"] = double(s.allocs.total()) / double(ops);
     state.counters[p + "_allocs_library"] = double(s.allocs.library) / double(ops);
@@ -405,6 +437,7 @@ void bm_calls(benchmark::State &state, Kind kind, Op op)
     report_side(state, "lib", lib, ops);
     report_side(state, "floor", floor, ops);
     state.counters["ratio"] = lib.seconds / floor.seconds;
+    state.counters["ratio_cpu"] = lib.cpu / floor.cpu;
     state.SetLabel("library: " + calls_text(lib.calls, ops) + " | floor: " +
                    calls_text(floor.calls, ops));
 }
@@ -429,8 +462,8 @@ struct FullCard {
     std::string work;       // where the restarts run
     CardShape shape;
     uint64_t entries = 0;   // hardware entries (both instances)
-    double program_seconds = 0;
-    double warm_restart_seconds = 0;
+    Times program;
+    Times warm_restart;
     std::vector<uint32_t> maps; // the library's maps after programming
 };
 FullCard g_full;
@@ -448,14 +481,14 @@ uint64_t engine_moves(const CardShape &shape)
     return moves;
 }
 
-double restart_seconds(std::string &err)
+Times warm_restart(std::string &err)
 {
     library_forget();
     sim_forget();
-    const auto t0 = Clock::now();
+    const Stopwatch sw;
     if (library_start(1) != 0)
         err = std::string("restart failed: ") + std::strerror(errno);
-    return seconds_since(t0);
+    return sw.times();
 }
 
 void bm_card(benchmark::State &state, uint32_t size, double fill)
@@ -473,7 +506,7 @@ void bm_card(benchmark::State &state, uint32_t size, double fill)
         if (library_start(0) != 0)
             return fail(state, std::string("tcamwrap_init failed: ") + std::strerror(errno));
         const CallCounts before = platform_calls();
-        const auto t0 = Clock::now();
+        const Stopwatch sw;
         for (uint32_t type : kTableTypes) {
             LibraryTable table(TCAMWRAP_ALL_INSTS, type);
             const auto &list = entries.at(type);
@@ -483,9 +516,9 @@ void bm_card(benchmark::State &state, uint32_t size, double fill)
                                            " (table type " + std::to_string(type) + ", entry " +
                                            std::to_string(i) + ")");
         }
-        const double program_s = seconds_since(t0);
+        const Times program = sw.times();
         const CallCounts calls = calls_between(before, platform_calls());
-        state.SetIterationTime(program_s);
+        state.SetIterationTime(program.wall);
         const uint64_t moves = engine_moves(shape);
 
         if (library_mapped() != total || hw_entries(shape) != total)
@@ -496,38 +529,37 @@ void bm_card(benchmark::State &state, uint32_t size, double fill)
             return fail(state, "engine self-check: " + why);
         const std::vector<uint32_t> maps = library_maps();
 
-        std::vector<double> restarts;
+        Times restarts;
         for (int r = 0; r < g_profile.warm_restarts; ++r) {
             std::string err;
-            restarts.push_back(restart_seconds(err));
+            restarts += warm_restart(err);
             if (!err.empty())
                 return fail(state, err);
             if (library_maps() != maps || hw_entries(shape) != total)
                 return fail(state, "the warm restart changed the maps or the hardware");
         }
-        double mean = 0;
-        for (double s : restarts)
-            mean += s / double(restarts.size());
-        const double best = *std::min_element(restarts.begin(), restarts.end());
+        const Times mean = restarts / g_profile.warm_restarts;
 
         state.counters["entries"] = double(total);
         state.counters["locations"] = double(shape.locations());
-        state.counters["program_s"] = program_s;
-        state.counters["program_ns_per_entry"] = 1e9 * program_s / double(total);
-        state.counters["inserts_per_s"] = double(total) / program_s;
+        state.counters["program_s"] = program.wall;
+        state.counters["program_cpu_s"] = program.cpu;
+        state.counters["program_ns_per_entry"] = 1e9 * program.wall / double(total);
+        state.counters["inserts_per_s"] = double(total) / program.wall;
         state.counters["store_writes_per_entry"] = double(calls_of(calls, "kvs_store")) / double(total);
         state.counters["engine_moves_per_entry"] = double(moves) / double(total);
-        state.counters["warm_restart_ms"] = 1e3 * mean;
-        state.counters["warm_restart_ms_min"] = 1e3 * best;
-        state.counters["warm_restart_ns_per_location"] = 1e9 * mean / double(shape.locations());
-        state.counters["program_over_restart"] = program_s / mean;
+        state.counters["warm_restart_ms"] = 1e3 * mean.wall;
+        state.counters["warm_restart_cpu_ms"] = 1e3 * mean.cpu;
+        state.counters["warm_restart_ns_per_location"] = 1e9 * mean.wall / double(shape.locations());
+        state.counters["program_over_restart"] = program.wall / mean.wall;
+        state.counters["program_over_restart_cpu"] = program.cpu / mean.cpu;
 
         if (full) {
             g_full.programmed = true;
             g_full.shape = shape;
             g_full.entries = total;
-            g_full.program_seconds = program_s;
-            g_full.warm_restart_seconds = mean;
+            g_full.program = program;
+            g_full.warm_restart = mean;
             g_full.maps = maps;
             g_full.pristine = fresh_dir("full-pristine");
             g_full.work = fresh_dir("full-work");
@@ -567,7 +599,7 @@ void bm_full_floor(benchmark::State &state)
                     return fail(state, "the floor's orvex_tcam_init failed");
             }
         const CallCounts before = platform_calls();
-        const auto t0 = Clock::now();
+        const Stopwatch sw;
         for (std::size_t ti = 0; ti < std::size(kTableTypes); ++ti) {
             const auto &list = entries.at(kTableTypes[ti]);
             for (uint32_t i = 0; i < n; ++i) {
@@ -577,9 +609,9 @@ void bm_full_floor(benchmark::State &state)
                         return fail(state, client_error("floor write", loc));
             }
         }
-        const double floor_s = seconds_since(t0);
+        const Times floor = sw.times();
         const CallCounts calls = calls_between(before, platform_calls());
-        state.SetIterationTime(floor_s);
+        state.SetIterationTime(floor.wall);
 
         // Same placements as the library's: compare with its maps, which list
         // each instance's tables by table type (ACLI, ACLO, FIB).
@@ -597,11 +629,16 @@ void bm_full_floor(benchmark::State &state)
             return fail(state, "the floor placed entries differently from the library");
 
         state.counters["entries"] = double(g_full.entries);
-        state.counters["floor_s"] = floor_s;
-        state.counters["floor_ns_per_entry"] = 1e9 * floor_s / double(g_full.entries);
-        state.counters["lib_s"] = g_full.program_seconds;
-        state.counters["lib_ns_per_entry"] = 1e9 * g_full.program_seconds / double(g_full.entries);
-        state.counters["ratio"] = g_full.program_seconds / floor_s;
+        state.counters["table_locations"] = double(shape.size);
+        const double entries = double(g_full.entries);
+        state.counters["floor_s"] = floor.wall;
+        state.counters["floor_cpu_s"] = floor.cpu;
+        state.counters["floor_ns_per_entry"] = 1e9 * floor.wall / entries;
+        state.counters["lib_s"] = g_full.program.wall;
+        state.counters["lib_cpu_s"] = g_full.program.cpu;
+        state.counters["lib_ns_per_entry"] = 1e9 * g_full.program.wall / entries;
+        state.counters["ratio"] = g_full.program.wall / floor.wall;
+        state.counters["ratio_cpu"] = g_full.program.cpu / floor.cpu;
         state.counters["floor_store_writes_per_entry"] =
             double(calls_of(calls, "kvs_store")) / double(g_full.entries);
         tables.clear();
@@ -622,16 +659,16 @@ int accept_camindex(void *, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t)
 }
 
 // The search engine's restore of every table alone, with a callback that only counts.
-double engine_restore_seconds(uint64_t &restored)
+Times engine_restore(uint64_t &restored)
 {
     sim_forget();
     restored = 0;
-    const auto t0 = Clock::now();
+    const Stopwatch sw;
     for (uint8_t inst = 0; inst < g_full.shape.insts; ++inst)
         for (uint32_t type : kTableTypes)
             (void)orvex_tcam_init(inst, type, type == TCAMWRAP_TBL_FIB ? 72 : 144, nullptr, nullptr,
                                   accept_camindex, nullptr, 1, count_restored, &restored, 0, 0);
-    return seconds_since(t0);
+    return sw.times();
 }
 
 void report_phases(benchmark::State &state, const probe::RestartPhases &p, double n)
@@ -658,18 +695,18 @@ probe::RestartPhases &operator+=(probe::RestartPhases &a, const probe::RestartPh
 }
 
 // A restart of the card in g_full.work, by phase; err set when it fails.
-double tapped_restart(probe::RestartPhases &phases, std::string &err)
+Times tapped_restart(probe::RestartPhases &phases, std::string &err)
 {
     library_forget();
     sim_forget();
     probe::reset_library_peak();
     probe::restart_tap_start();
-    const auto t0 = Clock::now();
+    const Stopwatch sw;
     if (library_start(1) != 0)
         err = std::string("restart failed: ") + std::strerror(errno);
-    const double s = seconds_since(t0);
+    const Times t = sw.times();
     phases = probe::restart_tap_stop();
-    return s;
+    return t;
 }
 
 void bm_full_warm_restart(benchmark::State &state)
@@ -679,41 +716,48 @@ void bm_full_warm_restart(benchmark::State &state)
     copy_card(g_full.pristine, g_full.work);
     sim_use(g_full.work, g_full.shape);
     probe::RestartPhases sum;
-    double lib_total = 0, engine_total = 0;
+    Times lib_total, engine_total;
+    double best = 1e9;
     int runs = 0;
     for (auto _ : state) {
         uint64_t restored = 0;
-        engine_total += engine_restore_seconds(restored);
+        engine_total += engine_restore(restored);
         if (restored != g_full.entries)
             return fail(state, "the engine restored " + std::to_string(restored) + " entries");
         probe::RestartPhases p;
         std::string err;
-        const double s = tapped_restart(p, err);
+        const Times t = tapped_restart(p, err);
         if (!err.empty())
             return fail(state, err);
         if (library_maps() != g_full.maps)
             return fail(state, "the restart changed the maps");
-        state.SetIterationTime(s);
-        lib_total += s;
+        state.SetIterationTime(t.wall);
+        lib_total += t;
+        best = std::min(best, t.wall);
         sum += p;
         ++runs;
     }
     const double locations = double(g_full.shape.locations());
-    const double mean = lib_total / runs;
-    const double engine = engine_total / runs;
+    const Times mean = lib_total / runs;
+    const Times engine = engine_total / runs;
     const double store_read = sum.store_read / runs;
-    const double library_alone = mean - engine - store_read;
-    state.counters["restart_ms"] = 1e3 * mean;
-    state.counters["engine_restore_ms"] = 1e3 * engine;
-    state.counters["restore_callbacks_ms"] = 1e3 * (sum.engine_init / runs - engine);
+    // The library's part: the restart less the engine's restore and the store reads.
+    const double library_alone = mean.wall - engine.wall - store_read;
+    state.counters["restart_ms"] = 1e3 * mean.wall;
+    state.counters["restart_ms_min"] = 1e3 * best;
+    state.counters["restart_cpu_ms"] = 1e3 * mean.cpu;
+    state.counters["engine_restore_ms"] = 1e3 * engine.wall;
+    state.counters["engine_restore_cpu_ms"] = 1e3 * engine.cpu;
+    state.counters["restore_callbacks_ms"] = 1e3 * (sum.engine_init / runs - engine.wall);
     state.counters["library_ms"] = 1e3 * library_alone;
     state.counters["library_ns_per_location"] = 1e9 * library_alone / locations;
-    state.counters["program_over_restart"] = g_full.program_seconds / mean;
+    state.counters["program_over_restart"] = g_full.program.wall / mean.wall;
+    state.counters["program_over_restart_cpu"] = g_full.program.cpu / mean.cpu;
     state.counters["map_bytes_per_location"] = double(probe::library_live_bytes()) / locations;
     state.counters["restart_peak_bytes_per_location"] =
         double(probe::library_peak_bytes()) / locations;
     report_phases(state, sum, runs);
-    g_full.warm_restart_seconds = mean;
+    g_full.warm_restart = mean;
 }
 
 // ---- the restart in a process of its own -------------------------------------------------
@@ -737,9 +781,9 @@ std::map<std::string, double> status_kb()
 // the locations mapped and the memory of this process.
 int restart_child()
 {
-    const auto t0 = Clock::now();
+    const Stopwatch sw;
     const int rc = library_start(1);
-    const double s = seconds_since(t0);
+    const double s = sw.wall();
     if (rc != 0) {
         std::fprintf(stderr, "restart failed: %s\n", std::strerror(errno));
         return 1;
@@ -806,7 +850,7 @@ void bm_full_restart_lost(benchmark::State &state, bool lost_hardware)
         const CallCounts before = platform_calls();
         probe::RestartPhases p;
         std::string err;
-        const double s = tapped_restart(p, err);
+        const Times t = tapped_restart(p, err);
         const CallCounts calls = calls_between(before, platform_calls());
         if (!err.empty())
             return fail(state, err);
@@ -814,12 +858,14 @@ void bm_full_restart_lost(benchmark::State &state, bool lost_hardware)
             return fail(state, "the restart left " + std::to_string(library_mapped()) +
                                    " mapped locations and " +
                                    std::to_string(hw_entries(g_full.shape)) + " hardware entries");
-        state.SetIterationTime(s);
-        state.counters["restart_s"] = s;
-        state.counters["over_warm_restart"] = s / g_full.warm_restart_seconds;
+        state.SetIterationTime(t.wall);
+        state.counters["restart_s"] = t.wall;
+        state.counters["restart_cpu_s"] = t.cpu;
+        state.counters["over_warm_restart"] = t.wall / g_full.warm_restart.wall;
+        state.counters["over_warm_restart_cpu"] = t.cpu / g_full.warm_restart.cpu;
         state.counters["store_writes"] = double(calls_of(calls, "kvs_store"));
         state.counters["engine_deletes"] = double(calls_of(calls, "orvex_tcam_delete_entry"));
-        const double library_alone = s - p.engine_init - p.store_read - p.store_write - p.engine_delete;
+        const double library_alone = t.wall - p.engine_init - p.store_read - p.store_write - p.engine_delete;
         state.counters["library_ns_per_location"] =
             1e9 * library_alone / double(g_full.shape.locations());
         report_phases(state, p, 1);
