@@ -370,66 +370,107 @@ void report_side(benchmark::State &state, const char *prefix, const Side &s, uin
     state.counters[p + "_allocs_runtime"] = double(s.allocs.runtime) / double(ops);
 }
 
-void bm_calls(benchmark::State &state, Kind kind, Op op)
+// One batch of calls: the locs, the pool entries written there, and the keys
+// each side read back.
+struct Batch {
+    std::vector<uint32_t> locs, entry_of;
+    std::vector<uint8_t> lib_keys, floor_keys;
+};
+
+// Adds go to free locs; the other calls take the next programmed locs in turn,
+// and overwrites write replacement entries there.
+void next_batch(const CallsTable &t, Op op, Batch &b)
 {
-    if (std::string err = use_calls_card(kind.tcam3); !err.empty())
-        return fail(state, err);
+    const uint32_t k = static_cast<uint32_t>(b.locs.size());
+    for (uint32_t i = 0; i < k; ++i) {
+        if (op == Op::add) {
+            b.locs[i] = t.spare[i];
+            b.entry_of[i] = entries_for(t.size, kCallFill) + i;
+        } else {
+            b.locs[i] = t.used[(t.rotate + i) % t.used.size()];
+            b.entry_of[i] = t.size + (t.next_replacement + i) % (2 * k);
+        }
+    }
+}
+
+// The batch by library and floor, the library first in even batches; returns
+// the library's time in *lib_seconds.
+std::string run_both(CallsTable &t, Op op, Batch &b, int batch, Side &lib, Side &floor,
+                     double *lib_seconds)
+{
+    for (int turn = 0; turn < 2; ++turn) {
+        const bool library_turn = (turn == 0) == (batch % 2 == 0);
+        TableClient &c = library_turn ? static_cast<TableClient &>(*t.lib) : *t.floor;
+        Side &side = library_turn ? lib : floor;
+        const double before = side.seconds;
+        const std::string err = timed_batch(side, [&] {
+            return run_batch(t, c, op, b.locs, b.entry_of, library_turn ? b.lib_keys : b.floor_keys);
+        });
+        if (!err.empty())
+            return err;
+        if (library_turn)
+            *lib_seconds = side.seconds - before;
+    }
+    return {};
+}
+
+// After a batch: check it, and put both tables back as they were (an overwrite
+// stays; the table then holds the replacement entries).
+std::string settle_batch(CallsTable &t, const Kind &kind, Op op, const Batch &b)
+{
+    if (op == Op::overwrite)
+        for (std::size_t i = 0; i < b.locs.size(); ++i)
+            t.current[b.locs[i]] = b.entry_of[i];
+    std::string err = check_batch(t, kind, op, b.locs, b.lib_keys, b.floor_keys);
+    if (err.empty())
+        err = undo_batch(t, *t.lib, op, b.locs);
+    if (err.empty())
+        err = undo_batch(t, *t.floor, op, b.locs);
+    if (err.empty())
+        err = check_batch(t, kind, Op::add, b.locs, b.lib_keys, b.floor_keys);
+    return err;
+}
+
+CallsTable *calls_table(benchmark::State &state, const Kind &kind)
+{
+    if (std::string err = use_calls_card(kind.tcam3); !err.empty()) {
+        fail(state, err);
+        return nullptr;
+    }
     auto &slot = g_calls_tables[kind.name];
     if (!slot) {
         slot = std::make_unique<CallsTable>();
         if (std::string err = build_calls_table(kind, *slot); !err.empty()) {
             slot.reset();
-            return fail(state, err);
+            fail(state, err);
         }
     }
-    CallsTable &t = *slot;
+    return slot.get();
+}
+
+void bm_calls(benchmark::State &state, Kind kind, Op op)
+{
+    CallsTable *t = calls_table(state, kind);
+    if (t == nullptr)
+        return;
     const uint32_t k = g_profile.call_batch;
-    const uint32_t kb = key_bytes(t.tbl_type);
-    std::vector<uint8_t> lib_keys(std::size_t{k} * kb), floor_keys(std::size_t{k} * kb);
+    const std::size_t key_space = std::size_t{k} * key_bytes(t->tbl_type);
+    Batch b{std::vector<uint32_t>(k), std::vector<uint32_t>(k), std::vector<uint8_t>(key_space),
+            std::vector<uint8_t>(key_space)};
     Side lib, floor;
     uint64_t ops = 0;
     int batch = 0;
     for (auto _ : state) {
-        std::vector<uint32_t> locs(k), entry_of(k, 0);
-        for (uint32_t i = 0; i < k; ++i) {
-            if (op == Op::add) {
-                locs[i] = t.spare[i];
-                entry_of[i] = entries_for(t.size, kCallFill) + i;
-            } else {
-                locs[i] = t.used[(t.rotate + i) % t.used.size()];
-                entry_of[i] = t.size + (t.next_replacement + i) % (2 * k);
-            }
-        }
-        // The library goes first in even batches, the floor in odd ones.
-        std::string err;
+        next_batch(*t, op, b);
         double lib_seconds = 0;
-        for (int turn = 0; turn < 2 && err.empty(); ++turn) {
-            const bool library_turn = (turn == 0) == (batch % 2 == 0);
-            TableClient &c = library_turn ? static_cast<TableClient &>(*t.lib) : *t.floor;
-            Side &side = library_turn ? lib : floor;
-            const double before = side.seconds;
-            err = timed_batch(side, [&] {
-                return run_batch(t, c, op, locs, entry_of, library_turn ? lib_keys : floor_keys);
-            });
-            if (library_turn)
-                lib_seconds = side.seconds - before;
-        }
-        if (err.empty() && op == Op::overwrite)
-            for (uint32_t i = 0; i < k; ++i)
-                t.current[locs[i]] = entry_of[i];
+        std::string err = run_both(*t, op, b, batch, lib, floor, &lib_seconds);
         if (err.empty())
-            err = check_batch(t, kind, op, locs, lib_keys, floor_keys);
-        if (err.empty())
-            err = undo_batch(t, *t.lib, op, locs);
-        if (err.empty())
-            err = undo_batch(t, *t.floor, op, locs);
-        if (err.empty())
-            err = check_batch(t, kind, Op::add, locs, lib_keys, floor_keys);
+            err = settle_batch(*t, kind, op, b);
         if (!err.empty())
             return fail(state, err);
         state.SetIterationTime(lib_seconds);
-        t.rotate += k;
-        t.next_replacement += k;
+        t->rotate += k;
+        t->next_replacement += k;
         ops += k;
         ++batch;
     }
@@ -491,13 +532,55 @@ Times warm_restart(std::string &err)
     return sw.times();
 }
 
+// Program every table on both instances through the library (one call per
+// entry writes it on every instance).
+std::string program_with_library(const CardShape &shape,
+                                 const std::map<uint32_t, std::vector<Entry>> &entries)
+{
+    for (uint32_t type : kTableTypes) {
+        LibraryTable table(TCAMWRAP_ALL_INSTS, type);
+        const auto &list = entries.at(type);
+        for (uint32_t i = 0; i < list.size(); ++i) {
+            const uint32_t loc = cli::spread_loc(i, shape.size, 0);
+            if (table.write(loc, list[i]) != 0)
+                return client_error("write", loc) + " (table type " + std::to_string(type) +
+                       ", entry " + std::to_string(i) + ")";
+        }
+    }
+    return {};
+}
+
+// Maps and hardware hold `total` entries, and the engine's copies agree.
+std::string check_programmed(const CardShape &shape, uint64_t total)
+{
+    if (library_mapped() != total || hw_entries(shape) != total)
+        return "programming left " + std::to_string(library_mapped()) + " mapped locations and " +
+               std::to_string(hw_entries(shape)) + " hardware entries, not " +
+               std::to_string(total);
+    if (std::string why = engine_check(shape); !why.empty())
+        return "engine self-check: " + why;
+    return {};
+}
+
+// The mean of the profile's warm restarts; each must leave maps and hardware as they were.
+Times mean_warm_restart(const CardShape &shape, uint64_t total, std::string &err)
+{
+    const std::vector<uint32_t> maps = library_maps();
+    Times sum;
+    for (int r = 0; r < g_profile.warm_restarts && err.empty(); ++r) {
+        sum += warm_restart(err);
+        if (err.empty() && (library_maps() != maps || hw_entries(shape) != total))
+            err = "the warm restart changed the maps or the hardware";
+    }
+    return sum / g_profile.warm_restarts;
+}
+
 void bm_card(benchmark::State &state, uint32_t size, double fill)
 {
     const CardShape shape{2, size, false};
     const bool full = size == g_profile.full_size && fill == g_profile.card_fills.back();
     const auto entries = card_entries(size, fill);
-    const uint32_t n = entries_for(size, fill);
-    const uint64_t total = uint64_t{n} * 3 * shape.insts;
+    const uint64_t total = uint64_t{entries_for(size, fill)} * 3 * shape.insts;
     for (auto _ : state) {
         g_calls_card.ready = false;
         g_calls_tables.clear();
@@ -507,59 +590,40 @@ void bm_card(benchmark::State &state, uint32_t size, double fill)
             return fail(state, std::string("tcamwrap_init failed: ") + std::strerror(errno));
         const CallCounts before = platform_calls();
         const Stopwatch sw;
-        for (uint32_t type : kTableTypes) {
-            LibraryTable table(TCAMWRAP_ALL_INSTS, type);
-            const auto &list = entries.at(type);
-            for (uint32_t i = 0; i < n; ++i)
-                if (table.write(cli::spread_loc(i, size, 0), list[i]) != 0)
-                    return fail(state, client_error("write", cli::spread_loc(i, size, 0)) +
-                                           " (table type " + std::to_string(type) + ", entry " +
-                                           std::to_string(i) + ")");
-        }
+        std::string err = program_with_library(shape, entries);
         const Times program = sw.times();
         const CallCounts calls = calls_between(before, platform_calls());
-        state.SetIterationTime(program.wall);
         const uint64_t moves = engine_moves(shape);
-
-        if (library_mapped() != total || hw_entries(shape) != total)
-            return fail(state, "programming left " + std::to_string(library_mapped()) +
-                                   " mapped locations and " + std::to_string(hw_entries(shape)) +
-                                   " hardware entries, not " + std::to_string(total));
-        if (std::string why = engine_check(shape); !why.empty())
-            return fail(state, "engine self-check: " + why);
+        if (err.empty())
+            err = check_programmed(shape, total);
         const std::vector<uint32_t> maps = library_maps();
+        const Times restart = err.empty() ? mean_warm_restart(shape, total, err) : Times{};
+        if (!err.empty())
+            return fail(state, err);
+        state.SetIterationTime(program.wall);
 
-        Times restarts;
-        for (int r = 0; r < g_profile.warm_restarts; ++r) {
-            std::string err;
-            restarts += warm_restart(err);
-            if (!err.empty())
-                return fail(state, err);
-            if (library_maps() != maps || hw_entries(shape) != total)
-                return fail(state, "the warm restart changed the maps or the hardware");
-        }
-        const Times mean = restarts / g_profile.warm_restarts;
-
-        state.counters["entries"] = double(total);
+        const double n = double(total);
+        state.counters["entries"] = n;
         state.counters["locations"] = double(shape.locations());
         state.counters["program_s"] = program.wall;
         state.counters["program_cpu_s"] = program.cpu;
-        state.counters["program_ns_per_entry"] = 1e9 * program.wall / double(total);
-        state.counters["inserts_per_s"] = double(total) / program.wall;
-        state.counters["store_writes_per_entry"] = double(calls_of(calls, "kvs_store")) / double(total);
-        state.counters["engine_moves_per_entry"] = double(moves) / double(total);
-        state.counters["warm_restart_ms"] = 1e3 * mean.wall;
-        state.counters["warm_restart_cpu_ms"] = 1e3 * mean.cpu;
-        state.counters["warm_restart_ns_per_location"] = 1e9 * mean.wall / double(shape.locations());
-        state.counters["program_over_restart"] = program.wall / mean.wall;
-        state.counters["program_over_restart_cpu"] = program.cpu / mean.cpu;
+        state.counters["program_ns_per_entry"] = 1e9 * program.wall / n;
+        state.counters["inserts_per_s"] = n / program.wall;
+        state.counters["store_writes_per_entry"] = double(calls_of(calls, "kvs_store")) / n;
+        state.counters["engine_moves_per_entry"] = double(moves) / n;
+        state.counters["warm_restart_ms"] = 1e3 * restart.wall;
+        state.counters["warm_restart_cpu_ms"] = 1e3 * restart.cpu;
+        state.counters["warm_restart_ns_per_location"] =
+            1e9 * restart.wall / double(shape.locations());
+        state.counters["program_over_restart"] = program.wall / restart.wall;
+        state.counters["program_over_restart_cpu"] = program.cpu / restart.cpu;
 
         if (full) {
             g_full.programmed = true;
             g_full.shape = shape;
             g_full.entries = total;
             g_full.program = program;
-            g_full.warm_restart = mean;
+            g_full.warm_restart = restart;
             g_full.maps = maps;
             g_full.pristine = fresh_dir("full-pristine");
             g_full.work = fresh_dir("full-work");
@@ -590,22 +654,23 @@ void bm_full_floor(benchmark::State &state)
         g_calls_tables.clear();
         const std::string dir = fresh_dir("floor");
         sim_use(dir, shape);
-        std::vector<std::unique_ptr<FloorTable>> tables; // [inst][type] in kTableTypes order
+        // By (inst, tbl_type): the order in which library_maps() lists the tables.
+        std::map<std::pair<uint8_t, uint32_t>, std::unique_ptr<FloorTable>> tables;
         for (uint8_t inst = 0; inst < shape.insts; ++inst)
             for (uint32_t type : kTableTypes) {
-                tables.push_back(
-                    std::make_unique<FloorTable>(inst, type, shape.size, true, kFloorStoreHandle));
-                if (tables.back()->start_error() != 0)
+                auto &t = tables[{inst, type}];
+                t = std::make_unique<FloorTable>(inst, type, shape.size, true, kFloorStoreHandle);
+                if (t->start_error() != 0)
                     return fail(state, "the floor's orvex_tcam_init failed");
             }
         const CallCounts before = platform_calls();
         const Stopwatch sw;
-        for (std::size_t ti = 0; ti < std::size(kTableTypes); ++ti) {
-            const auto &list = entries.at(kTableTypes[ti]);
+        for (uint32_t type : kTableTypes) {
+            const auto &list = entries.at(type);
             for (uint32_t i = 0; i < n; ++i) {
                 const uint32_t loc = cli::spread_loc(i, shape.size, 0);
                 for (uint8_t inst = 0; inst < shape.insts; ++inst)
-                    if (tables[inst * std::size(kTableTypes) + ti]->write(loc, list[i]) != 0)
+                    if (tables.at({inst, type})->write(loc, list[i]) != 0)
                         return fail(state, client_error("floor write", loc));
             }
         }
@@ -613,24 +678,16 @@ void bm_full_floor(benchmark::State &state)
         const CallCounts calls = calls_between(before, platform_calls());
         state.SetIterationTime(floor.wall);
 
-        // Same placements as the library's: compare with its maps, which list
-        // each instance's tables by table type (ACLI, ACLO, FIB).
         std::vector<uint32_t> floor_maps;
-        for (uint8_t inst = 0; inst < shape.insts; ++inst)
-            for (uint32_t type : {TCAMWRAP_TBL_ACLI, TCAMWRAP_TBL_ACLO, TCAMWRAP_TBL_FIB}) {
-                const std::size_t ti = static_cast<std::size_t>(
-                    std::find(std::begin(kTableTypes), std::end(kTableTypes), type) -
-                    std::begin(kTableTypes));
-                const FloorTable &t = *tables[inst * std::size(kTableTypes) + ti];
-                for (uint32_t loc = 0; loc < shape.size; ++loc)
-                    floor_maps.push_back(t.sloc(loc));
-            }
+        for (const auto &[where, t] : tables)
+            for (uint32_t loc = 0; loc < shape.size; ++loc)
+                floor_maps.push_back(t->sloc(loc));
         if (floor_maps != g_full.maps)
             return fail(state, "the floor placed entries differently from the library");
 
-        state.counters["entries"] = double(g_full.entries);
-        state.counters["table_locations"] = double(shape.size);
         const double entries = double(g_full.entries);
+        state.counters["entries"] = entries;
+        state.counters["table_locations"] = double(shape.size);
         state.counters["floor_s"] = floor.wall;
         state.counters["floor_cpu_s"] = floor.cpu;
         state.counters["floor_ns_per_entry"] = 1e9 * floor.wall / entries;
@@ -640,7 +697,7 @@ void bm_full_floor(benchmark::State &state)
         state.counters["ratio"] = g_full.program.wall / floor.wall;
         state.counters["ratio_cpu"] = g_full.program.cpu / floor.cpu;
         state.counters["floor_store_writes_per_entry"] =
-            double(calls_of(calls, "kvs_store")) / double(g_full.entries);
+            double(calls_of(calls, "kvs_store")) / entries;
         tables.clear();
         sim_forget();
         fresh_dir("floor"); // frees the disk
@@ -876,14 +933,48 @@ void bm_full_restart_lost(benchmark::State &state, bool lost_hardware)
 
 enum class FillOrder { random, ascending, descending, levels8 };
 
+// How far offering entries one by one fills a table.
+struct Fill {
+    uint32_t offered = 0, placed = 0;
+    uint32_t at_first_failure = 0; // entries placed before the first refused one
+    double to_first_failure = 0;   // seconds until then
+    double seconds = 0;
+    bool time_limited = false;
+};
+
+Fill offer_all(TableClient &table, const std::vector<Entry> &entries, uint32_t size)
+{
+    Fill f;
+    bool failed = false;
+    const auto t0 = Clock::now();
+    for (const Entry &e : entries) {
+        if (seconds_since(t0) > g_profile.fill_time_limit) {
+            f.time_limited = true;
+            break;
+        }
+        if (table.write(cli::spread_loc(f.offered++, size, 0), e) == 0) {
+            ++f.placed;
+        } else if (!failed) {
+            failed = true;
+            f.at_first_failure = f.placed;
+            f.to_first_failure = seconds_since(t0);
+        }
+    }
+    f.seconds = seconds_since(t0);
+    if (!failed) {
+        f.at_first_failure = f.placed;
+        f.to_first_failure = f.seconds;
+    }
+    return f;
+}
+
 void bm_acli_fill(benchmark::State &state, FillOrder order)
 {
     const uint32_t size = g_profile.fill_table;
     const CardShape shape{1, size, false};
     auto rng = rng_for(200 + static_cast<uint32_t>(order));
-    std::vector<Entry> entries =
-        acl_entries(size, order == FillOrder::levels8 ? AclPriorities::levels8 : AclPriorities::distinct,
-                    0.0, rng);
+    const auto prios = order == FillOrder::levels8 ? AclPriorities::levels8 : AclPriorities::distinct;
+    std::vector<Entry> entries = acl_entries(size, prios, 0.0, rng);
     if (order == FillOrder::random)
         std::shuffle(entries.begin(), entries.end(), rng);
     if (order == FillOrder::descending)
@@ -895,48 +986,24 @@ void bm_acli_fill(benchmark::State &state, FillOrder order)
         if (library_start(0) != 0)
             return fail(state, std::string("tcamwrap_init failed: ") + std::strerror(errno));
         LibraryTable acli(0, TCAMWRAP_TBL_ACLI);
-        uint32_t placed = 0, at_first_failure = 0, offered = 0;
-        bool failed = false, time_limited = false;
-        double to_first_failure = 0;
-        const auto t0 = Clock::now();
-        for (const Entry &e : entries) {
-            if (seconds_since(t0) > g_profile.fill_time_limit) {
-                time_limited = true;
-                break;
-            }
-            const uint32_t loc = cli::spread_loc(offered++, size, 0);
-            if (acli.write(loc, e) == 0) {
-                ++placed;
-                continue;
-            }
-            if (!failed) {
-                failed = true;
-                at_first_failure = placed;
-                to_first_failure = seconds_since(t0);
-            }
-        }
-        const double all_s = seconds_since(t0);
-        if (!failed) {
-            at_first_failure = placed;
-            to_first_failure = all_s;
-        }
-        state.SetIterationTime(all_s);
+        const Fill f = offer_all(acli, entries, size);
+        state.SetIterationTime(f.seconds);
         orvex_sim_counters c{};
         if (orvex_sim_counters_get(0, TCAMWRAP_TBL_ACLI, &c) != 0)
             return fail(state, "no engine counters");
-        if (library_mapped() != placed)
+        if (library_mapped() != f.placed)
             return fail(state, "the library maps " + std::to_string(library_mapped()) +
-                                   " locations for " + std::to_string(placed) + " entries");
+                                   " locations for " + std::to_string(f.placed) + " entries");
         if (std::string why = engine_check(shape); !why.empty())
             return fail(state, "engine self-check: " + why);
         state.counters["table"] = size;
-        state.counters["offered"] = offered;
-        state.counters["fill_at_first_failure"] = double(at_first_failure) / size;
-        state.counters["fill_after_all_offered"] = double(placed) / size;
-        state.counters["inserts_per_s"] = double(at_first_failure) / to_first_failure;
+        state.counters["offered"] = f.offered;
+        state.counters["fill_at_first_failure"] = double(f.at_first_failure) / size;
+        state.counters["fill_after_all_offered"] = double(f.placed) / size;
+        state.counters["inserts_per_s"] = double(f.at_first_failure) / f.to_first_failure;
         state.counters["moves_per_insert"] = c.inserts ? double(c.moves) / double(c.inserts) : 0;
         state.counters["max_groom_moves"] = double(c.max_groom_moves);
-        state.counters["time_limited"] = time_limited ? 1 : 0;
+        state.counters["time_limited"] = f.time_limited ? 1 : 0;
     }
 }
 
