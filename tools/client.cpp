@@ -32,8 +32,14 @@ std::string state_dir()
 {
     const char *dir = sim_state_dir();
     if (dir == nullptr)
-        throw Failure(std::string("cannot create the state directory: ") + std::strerror(errno));
+        throw Failure(sim_card_error());
     return dir;
+}
+
+void open_card()
+{
+    if (sim_card_open() != 0)
+        throw Failure(std::string("cannot open the card: ") + sim_card_error());
 }
 
 std::string state_dir_named()

@@ -50,6 +50,9 @@ std::string state_dir_named();
 // Refused unless the state directory holds a card: a mistyped --state, an empty
 // directory or a card removed by 'card reset' must not become a new card.
 void require_card();
+// Opens (or, for card create and demo, creates) the card; Failure with the
+// simulator's reason.
+void open_card();
 // Makes this process the card's one client; Refused naming the process that
 // holds the card already. The hold ends with the process.
 void claim_card();

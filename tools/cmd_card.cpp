@@ -24,6 +24,13 @@ const char *const kProfileOptions[] = {"insts",    "fib",       "acli",     "acl
 // whole by the simulator's own parser so that its complaint names the option.
 std::string profile_from_options(const Args &args)
 {
+    if (!args.has("profile") && std::none_of(std::begin(kProfileOptions), std::end(kProfileOptions),
+                                             [&](const char *o) { return args.has(o); })) {
+        sim::Profile p;
+        if (auto err = sim::profile_from_setting(std::getenv(SIM_PROFILE_ENV), p); !err.empty())
+            throw Refused(std::string(SIM_PROFILE_ENV) + ": " + err);
+        return {};
+    }
     if (auto whole = args.value("profile")) {
         sim::Profile p;
         if (auto err = sim::parse_profile(*whole, p); !err.empty())
@@ -143,8 +150,7 @@ int card_create(const Args &args)
     claim_card();
     if (!profile.empty())
         ::setenv(SIM_PROFILE_ENV, profile.c_str(), 1);
-    if (sim_card_open() != 0)
-        throw Failure("cannot create the card in " + dir + ": " + errno_text(errno));
+    open_card();
     return card_show(args, start_client(args));
 }
 

@@ -277,8 +277,7 @@ int cmd_check(const Args &args)
     // A restart reconciles: what a restarting client finds must be audited
     // before the library starts.
     (void)state_dir();
-    if (sim_card_num_insts() == 0)
-        throw Failure("cannot open the simulated card: " + errno_text(errno));
+    open_card();
     const std::vector<Difference> before = audit_persistent();
     const StartReport started = start_client(args);
     const std::vector<Difference> after = audit_running();

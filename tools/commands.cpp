@@ -355,9 +355,7 @@ StartReport start_client(const Args &args)
     if (auto level = args.number("debug"))
         options.debug_level = static_cast<int>(*level);
     options.debug_to_stderr = args.has("verbose");
-    if (sim_card_num_insts() == 0)
-        throw Failure("cannot open the simulated card in " + state_dir() + ": " +
-                      errno_text(errno));
+    open_card();
     return start_library(options);
 }
 

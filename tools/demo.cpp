@@ -642,9 +642,7 @@ DemoSizes card_sizes(const Args &args)
 // Makes the card the checks above describe; the children open it themselves.
 void create_card(const DemoSizes &sz)
 {
-    if (sim_card_open() != 0)
-        throw Failure("cannot create the simulated card in " + state_dir() + ": " +
-                      errno_text(errno));
+    open_card();
     for (uint32_t tbl : kTables)
         if (table_size(tbl) != sz.size[tbl])
             throw Failure("the card in " + state_dir() + " is not the one " SIM_PROFILE_ENV

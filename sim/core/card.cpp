@@ -196,14 +196,25 @@ Process &process()
     return p;
 }
 
-const std::string *state_dir_locked(Process &p)
+// Keeps the text of a failure for sim_card_error(); with report, also says it on
+// stderr, once for the same text. Explicit calls of sim_card.h do not report:
+// their caller does.
+void note_error(Process &p, const std::string &err, bool report)
+{
+    const int saved = errno != 0 ? errno : EIO;
+    if (report && err != p.last_error)
+        warn(err);
+    p.last_error = err;
+    errno = saved;
+}
+
+const std::string *state_dir_locked(Process &p, bool report = true)
 {
     if (p.dir.empty()) {
         std::string dir = absolute(std::getenv(SIM_STATE_ENV));
         if (make_dirs(dir) != 0) {
-            int err = errno;
-            warn("cannot create state directory " + dir + ": " + std::strerror(err));
-            errno = err;
+            note_error(p, "cannot create state directory " + dir + ": " + std::strerror(errno),
+                       report);
             return nullptr;
         }
         p.dir = dir;
@@ -211,20 +222,16 @@ const std::string *state_dir_locked(Process &p)
     return &p.dir;
 }
 
-Card *card_locked(Process &p)
+Card *card_locked(Process &p, bool report = true)
 {
     if (p.card)
         return p.card.get();
-    const std::string *dir = state_dir_locked(p);
+    const std::string *dir = state_dir_locked(p, report);
     if (dir == nullptr)
         return nullptr;
     auto card = std::make_unique<Card>();
     if (auto err = card->open(*dir); !err.empty()) {
-        int saved = errno != 0 ? errno : EIO;
-        if (err != p.last_error)
-            warn(err);
-        p.last_error = err;
-        errno = saved;
+        note_error(p, err, report);
         return nullptr;
     }
     p.last_error.clear();
@@ -254,7 +261,7 @@ int claim_locked(Process &p, pid_t *holder)
 {
     if (p.claim)
         return 0;
-    const std::string *dir = state_dir_locked(p);
+    const std::string *dir = state_dir_locked(p, false);
     if (dir == nullptr)
         return -1;
     UniqueFd fd(::open(claim_path(*dir).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
@@ -346,13 +353,22 @@ const char *sim_state_dir(void)
 {
     Process &p = process();
     std::lock_guard lock(p.mu);
-    const std::string *dir = state_dir_locked(p);
+    const std::string *dir = state_dir_locked(p, false);
     return dir != nullptr ? dir->c_str() : nullptr;
 }
 
 int sim_card_open(void)
 {
-    return with_card(-1, [](Card &) { return 0; });
+    Process &p = process();
+    std::lock_guard lock(p.mu);
+    return card_locked(p, false) != nullptr ? 0 : -1;
+}
+
+const char *sim_card_error(void)
+{
+    Process &p = process();
+    std::lock_guard lock(p.mu);
+    return p.last_error.c_str();
 }
 
 void sim_card_close(void)
@@ -383,7 +399,7 @@ long sim_card_holder(void)
     std::lock_guard lock(p.mu);
     if (p.claim)
         return static_cast<long>(::getpid());
-    const std::string *dir = state_dir_locked(p);
+    const std::string *dir = state_dir_locked(p, false);
     if (dir == nullptr)
         return -1;
     UniqueFd fd(::open(claim_path(*dir).c_str(), O_RDONLY | O_CLOEXEC));

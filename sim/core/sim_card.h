@@ -46,10 +46,15 @@ extern "C" {
 const char *sim_state_dir(void);
 
 /* Open (creating from the profile when new) the card now; 0, or -1 with errno
- * (EINVAL: bad profile or a damaged image; other: file system errors). Every
- * other call opens the card on first use, so this is only needed to see the
- * error early. */
+ * (EINVAL: bad profile or a damaged image; other: file system errors) and the
+ * reason in sim_card_error(). Every other call opens the card on first use and
+ * says on stderr, once, why it cannot; sim_card_open() and sim_state_dir() say
+ * nothing, so their caller reports the failure in its own words. */
 int sim_card_open(void);
+
+/* The text of the last failure to find or open the card ("" after a success);
+ * valid until the next call. */
+const char *sim_card_error(void);
 
 /* Forget the card and the state directory of this process (unmaps the image).
  * The next call reads TCAMWRAP_SIM_STATE and TCAMWRAP_SIM_PROFILE again: tests
