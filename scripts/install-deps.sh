@@ -2,7 +2,7 @@
 # Install the Debian packages the build needs (root, or sudo when available).
 # Usage: install-deps.sh [--cross]   (--cross adds the PowerPC toolchain and qemu-user)
 set -euo pipefail
-pkgs=(cmake make g++ liblmdb-dev libgtest-dev libbenchmark-dev file)
+pkgs=(cmake make g++ pkg-config liblmdb-dev libgtest-dev libbenchmark-dev file)
 if [[ "${1:-}" == "--cross" ]]; then
   pkgs+=(g++-powerpc-linux-gnu qemu-user)
 fi
