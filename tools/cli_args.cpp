@@ -169,18 +169,15 @@ Args Args::parse(const std::vector<std::string> &argv, const std::vector<OptionD
         }
     }
     for (const Exclusive &group : exclusive) {
-        std::vector<std::string> given;
-        for (const std::string &name : group)
+        std::vector<std::string> all, given;
+        for (const std::string &name : group) {
+            all.push_back("--" + name);
             if (args.has(name))
-                given.push_back("--" + name);
+                given.push_back(all.back());
+        }
         if (given.size() > 1)
-            throw Refused(given[0] + " and " + given[1] + " exclude each other: give one of " +
-                          join_choices([&] {
-                              std::vector<std::string> all;
-                              for (const std::string &name : group)
-                                  all.push_back("--" + name);
-                              return all;
-                          }()));
+            throw Refused(given[0] + " and " + given[1] +
+                          " exclude each other: give one of " + join_choices(all));
     }
     return args;
 }
