@@ -5,7 +5,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,8 +32,45 @@ std::string state_dir()
 {
     const char *dir = sim_state_dir();
     if (dir == nullptr)
-        throw Failure(std::string("cannot create the state directory: ") + std::strerror(errno));
+        throw Failure(sim_card_error());
     return dir;
+}
+
+void open_card()
+{
+    if (sim_card_open() != 0)
+        throw Failure(std::string("cannot open the card: ") + sim_card_error());
+}
+
+std::string state_dir_named()
+{
+    const char *setting = std::getenv(SIM_STATE_ENV);
+    const std::filesystem::path dir =
+        setting != nullptr && *setting != '\0' ? setting : SIM_STATE_DEFAULT;
+    std::error_code ec;
+    const std::filesystem::path full = std::filesystem::absolute(dir, ec);
+    return (ec ? dir : full).lexically_normal().string();
+}
+
+void require_card()
+{
+    const std::string dir = state_dir_named();
+    std::error_code ec;
+    if (!std::filesystem::exists(std::filesystem::path(dir) / "hw.img", ec))
+        throw Refused("no card in " + dir +
+                      ": 'tcamwrap-sim card create' makes one (or name another with --state)");
+}
+
+void claim_card()
+{
+    long holder = 0;
+    if (sim_card_claim(&holder) == 0)
+        return;
+    if (errno == EBUSY)
+        throw Refused("the card in " + state_dir() + " has a client already: process " +
+                      std::to_string(holder) +
+                      " (one client process per card; wait for it to end)");
+    throw Failure("cannot lock the card in " + state_dir() + ": " + std::strerror(errno));
 }
 
 std::string state_path(const char *name)
@@ -62,11 +101,16 @@ bool client_started()
 
 uint32_t saved_debug_level()
 {
-    std::ifstream in(state_path(kDebugLevelFile));
-    unsigned level = kDefaultDebugLevel;
-    if (in >> level && level <= 7)
-        return level;
-    return kDefaultDebugLevel;
+    const std::string path = state_path(kDebugLevelFile);
+    std::ifstream in(path);
+    if (!in.is_open())
+        return kDefaultDebugLevel;
+    std::string text, rest;
+    in >> text >> rest;
+    if (text.size() == 1 && text[0] >= '0' && text[0] <= '7' && rest.empty())
+        return static_cast<uint32_t>(text[0] - '0');
+    throw Failure(path + " holds '" + text + (rest.empty() ? "" : " " + rest) +
+                  "', not a debug level 0..7 ('tcamwrap-sim debug N' sets it again)");
 }
 
 void save_debug_level(uint32_t level)
@@ -147,6 +191,7 @@ Repairs parse_repairs(const std::vector<std::string> &history)
 
 StartReport start_library(const StartOptions &options)
 {
+    claim_card();
     StartReport report;
     const std::string dir = state_dir();
     report.debug_level =

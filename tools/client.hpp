@@ -45,10 +45,23 @@ kvs_buf *store_key_prefix();
 
 // Absolute state directory, created when missing (Failure when it cannot be).
 std::string state_dir();
+// The state directory that TCAMWRAP_SIM_STATE names, made absolute; never created.
+std::string state_dir_named();
+// Refused unless the state directory holds a card: a mistyped --state, an empty
+// directory or a card removed by 'card reset' must not become a new card.
+void require_card();
+// Opens (or, for card create and demo, creates) the card; Failure with the
+// simulator's reason.
+void open_card();
+// Makes this process the card's one client; Refused naming the process that
+// holds the card already. The hold ends with the process.
+void claim_card();
 std::string state_path(const char *name);
 bool card_exists();    // the hardware image is there
 bool client_started(); // the marker is there
 
+// The level saved by 'debug N' (default 3); Failure when the file holds
+// anything but a level 0..7.
 uint32_t saved_debug_level();
 void save_debug_level(uint32_t level);
 
@@ -79,7 +92,8 @@ struct StartReport {
 
 // Starts the library as the card's client process does: tcamwrap_init with all
 // three table types, fresh (init_type 0) when no client has started on this card
-// yet, else restart with restore (1). Failure when tcamwrap_init fails.
+// yet, else restart with restore (1). Claims the card first (claim_card);
+// Failure when tcamwrap_init fails.
 StartReport start_library(const StartOptions &options);
 
 // Reads the library's history ring (texts of this process's traces) into a

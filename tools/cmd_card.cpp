@@ -1,9 +1,12 @@
 // cmd_card.cpp - 'tcamwrap-sim card create|show|reset'.
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
 #include "commands.hpp"
+#include "profile.hpp"
 #include "sim_card.h"
 #include "sim_hw.h"
 #include "sim_kvs.h"
@@ -14,27 +17,48 @@ namespace tcamwrap::cli
 namespace
 {
 
+const char *const kProfileOptions[] = {"insts",    "fib",       "acli",     "aclo",
+                                       "fib-kind", "acli-kind", "aclo-kind"};
+
+// The profile text of the options (each value already checked), checked as a
+// whole by the simulator's own parser so that its complaint names the option.
 std::string profile_from_options(const Args &args)
 {
-    if (auto whole = args.value("profile"))
-        return *whole;
-    std::string text;
-    auto add = [&](const char *option, const char *setting) {
-        if (auto v = args.value(option))
-            text += std::string(text.empty() ? "" : ",") + setting + "=" + *v;
-    };
-    if (auto insts = args.number("insts", 2); insts && *insts == 0)
-        throw UsageError("--insts: a card has 1 or 2 instances");
-    add("insts", "insts");
-    for (const char *t : {"fib", "acli", "aclo"}) {
-        if (args.has(t))
-            (void)args.number(t, SIM_MAX_ENTRIES);
-        add(t, t);
+    if (!args.has("profile") && std::none_of(std::begin(kProfileOptions), std::end(kProfileOptions),
+                                             [&](const char *o) { return args.has(o); })) {
+        sim::Profile p;
+        if (auto err = sim::profile_from_setting(std::getenv(SIM_PROFILE_ENV), p); !err.empty())
+            throw Refused(std::string(SIM_PROFILE_ENV) + ": " + err);
+        return {};
     }
-    add("fib-kind", "fib_kind");
-    add("acli-kind", "acli_kind");
-    add("aclo-kind", "aclo_kind");
+    if (auto whole = args.value("profile")) {
+        sim::Profile p;
+        if (auto err = sim::parse_profile(*whole, p); !err.empty())
+            args.def("profile").refuse(*whole, err);
+        return *whole;
+    }
+    std::string text;
+    for (const char *option : kProfileOptions)
+        if (auto v = args.value(option)) {
+            std::string setting = option;
+            std::replace(setting.begin(), setting.end(), '-', '_');
+            text += (text.empty() ? "" : ",") + setting + "=" + *v;
+        }
     return text;
+}
+
+// A fill bar: '#' for the share of used locations.
+std::string fill_bar(uint32_t used, uint32_t size)
+{
+    constexpr uint32_t kWidth = 20;
+    const uint32_t filled =
+        size == 0 ? 0 : static_cast<uint32_t>((uint64_t{used} * kWidth + size - 1) / size);
+    std::string bar(filled, '#');
+    bar.resize(kWidth, '.');
+    char pct[16];
+    std::snprintf(pct, sizeof pct, " %3u%%",
+                  size == 0 ? 0u : static_cast<unsigned>(uint64_t{used} * 100 / size));
+    return "[" + bar + "]" + pct;
 }
 
 Json card_json(const StartReport &start)
@@ -89,8 +113,8 @@ std::string card_text(const StartReport &start)
            (sim_kvs_count(kKvsHandle, &records) == 0 ? std::to_string(records) : std::string("?")) +
            " records\n\n";
     char line[160];
-    std::snprintf(line, sizeof line, "%-6s %-6s %8s %5s %12s %12s\n", "table", "kind", "size",
-                  "inst", "hw entries", "mapped locs");
+    std::snprintf(line, sizeof line, "%-6s %-6s %8s %5s %12s %12s  %s\n", "table", "kind", "size",
+                  "inst", "hw entries", "mapped locs", "fill");
     out += line;
     for (uint32_t tbl : {TCAMWRAP_TBL_FIB, TCAMWRAP_TBL_ACLI, TCAMWRAP_TBL_ACLO})
         for (uint8_t inst : instances_of(TCAMWRAP_ALL_INSTS)) {
@@ -101,9 +125,10 @@ std::string card_text(const StartReport &start)
                     n += info->lmt[loc] != TCAMWRAP_INVALID_LOC ? 1 : 0;
                 mapped = std::to_string(n);
             }
-            std::snprintf(line, sizeof line, "%-6s %-6s %8u %5u %12u %12s\n", table_name(tbl),
-                          is_orvex(tbl) ? "orvex" : "tcam3", table_size(tbl), inst,
-                          sim_hw_tcam_count(inst, tbl), mapped.c_str());
+            const uint32_t used = sim_hw_tcam_count(inst, tbl);
+            std::snprintf(line, sizeof line, "%-6s %-6s %8u %5u %12u %12s  %s\n", table_name(tbl),
+                          is_orvex(tbl) ? "orvex" : "tcam3", table_size(tbl), inst, used,
+                          mapped.c_str(), fill_bar(used, table_size(tbl)).c_str());
             out += line;
         }
     return out;
@@ -117,38 +142,36 @@ int card_show(const Args &args, const StartReport &start)
 
 int card_create(const Args &args)
 {
+    const std::string profile = profile_from_options(args);
     const std::string dir = state_dir();
     if (card_exists())
-        throw UsageError("a card already exists in " + dir +
-                         " ('tcamwrap-sim card reset' removes it)");
-    const std::string profile = profile_from_options(args);
+        throw Refused("a card already exists in " + dir +
+                      " ('tcamwrap-sim card reset' removes it)");
+    claim_card();
     if (!profile.empty())
         ::setenv(SIM_PROFILE_ENV, profile.c_str(), 1);
-    if (sim_card_open() != 0) {
-        if (errno == EINVAL)
-            throw UsageError("the simulator refuses the profile '" + profile + "'");
-        throw Failure("cannot create the card in " + dir + ": " + errno_text(errno));
-    }
+    open_card();
     return card_show(args, start_client(args));
 }
 
 int card_reset(const Args &args)
 {
     const std::filesystem::path dir = state_dir();
+    claim_card();
     sim_kvs_close();
-    sim_card_close();
     // Only the files of the simulator and of this tool: the directory may be
-    // the user's.
+    // the user's. The client lock stays held until they are gone.
     std::error_code ec;
     for (const char *name : {"hw.img", "profile", kMarkerFile, kDebugLevelFile, kDebugLogFile})
         if (!ec)
             std::filesystem::remove(dir / name, ec);
     if (!ec)
         std::filesystem::remove_all(dir / "kvs", ec);
+    sim_card_close();
     if (ec)
         throw Failure("cannot reset the card in " + dir.string() + ": " + ec.message());
     emit(args, Json::object().set("state_dir", dir.string()).set("reset", true),
-         "card in " + dir.string() + " removed; the next command creates a new one\n");
+         "card in " + dir.string() + " removed ('tcamwrap-sim card create' makes a new one)\n");
     return kExitOk;
 }
 
@@ -158,21 +181,23 @@ int cmd_card(const Args &args)
 {
     const auto &pos = args.positional();
     if (pos.empty())
-        throw UsageError("card: say create, show or reset");
+        throw UsageError("say create, show or reset");
     if (pos.size() > 1)
-        throw UsageError("card " + pos[0] + ": unexpected argument '" + pos[1] + "'");
-    const bool profile_given = args.has("profile") || args.has("insts") || args.has("fib") ||
-                               args.has("acli") || args.has("aclo") || args.has("fib-kind") ||
-                               args.has("acli-kind") || args.has("aclo-kind");
+        throw UsageError("unexpected argument '" + pos[1] + "'");
+    if (pos[0] != "create" && pos[0] != "show" && pos[0] != "reset")
+        throw UsageError("unknown action '" + pos[0] + "': say create, show or reset");
     if (pos[0] == "create")
         return card_create(args);
-    if (profile_given)
-        throw UsageError("profile options belong to 'card create'");
+    for (const char *option : kProfileOptions)
+        if (args.has(option))
+            throw Refused(std::string("--") + option + " belongs to 'card create'");
+    if (args.has("profile"))
+        throw Refused("--profile belongs to 'card create'");
+    require_card();
+    claim_card();
     if (pos[0] == "show")
         return card_show(args, start_client(args));
-    if (pos[0] == "reset")
-        return card_reset(args);
-    throw UsageError("card: unknown action '" + pos[0] + "' (create, show or reset)");
+    return card_reset(args);
 }
 
 } // namespace tcamwrap::cli

@@ -18,15 +18,6 @@ namespace
 {
 
 
-uint8_t single_inst(const Args &args)
-{
-    const uint8_t inst = parse_inst(args.value("inst").value_or("0"));
-    if (inst == TCAMWRAP_ALL_INSTS)
-        throw UsageError("this command works on one instance: --inst 0 or 1");
-    (void)instances_of(inst);
-    return inst;
-}
-
 // The reply of a tcam3 table's parity report: the client keeps no copy of its
 // entries, so every location stays unrepaired.
 int tcam3_parity(tcamwrap_parity_msg *request, tcamwrap_parity_msg *reply)
@@ -43,42 +34,47 @@ int cmd_dump(const Args &args)
 {
     const auto &pos = args.positional();
     if (pos.empty())
-        throw UsageError("dump: say lmt or tcam");
+        throw UsageError("say lmt or tcam");
     if (pos[0] != "lmt" && pos[0] != "tcam")
-        throw UsageError("dump: unknown dump '" + pos[0] + "' (lmt or tcam)");
+        throw Refused("unknown kind of dump '" + pos[0] + "': give lmt or tcam");
     if (pos.size() < 2)
-        throw UsageError("dump " + pos[0] + ": missing TABLE");
+        throw UsageError("missing TABLE");
     if (pos.size() > 2)
         throw UsageError("unexpected argument '" + pos[2] + "'");
     const uint32_t tbl = parse_table(pos[1]);
     const bool lmt = pos[0] == "lmt";
     if (lmt && args.has("hw"))
-        throw UsageError("--hw belongs to 'dump tcam'");
-    const uint8_t inst = single_inst(args);
+        throw Refused("--hw belongs to 'dump tcam'");
+    const std::vector<uint8_t> insts = instances_of(inst_of(args));
 
     const StartReport started = start_client(args);
-    tbl_params p{};
-    p.inst = inst;
-    p.tbl_type = tbl;
-    p.num_entries = 1;
     const bool from_hw = args.has("hw");
-    const std::string text = capture_dump([&](int fd) {
-        if (lmt)
-            tcamwrap_lmt_dump(fd, &p);
-        else
-            tcamwrap_orvex_tcam_dump(fd, &p, from_hw ? 1 : 0);
-    });
-    if (text.empty() && !is_orvex(tbl))
-        throw Failure(std::string("the ") + table_name(tbl) +
-                      " table is on a tcam3 TCAM: the library keeps no map to dump");
+    Json dumps = Json::array();
+    std::string all_text;
+    for (uint8_t inst : insts) {
+        tbl_params p{};
+        p.inst = inst;
+        p.tbl_type = tbl;
+        p.num_entries = 1;
+        const std::string text = capture_dump([&](int fd) {
+            if (lmt)
+                tcamwrap_lmt_dump(fd, &p);
+            else
+                tcamwrap_orvex_tcam_dump(fd, &p, from_hw ? 1 : 0);
+        });
+        if (text.empty() && !is_orvex(tbl))
+            throw Failure(std::string("the ") + table_name(tbl) +
+                          " table is on a tcam3 TCAM: the library keeps no map to dump");
+        dumps.push(Json::object().set("inst", inst).set("text", text));
+        all_text += text;
+    }
     emit(args,
          Json::object()
              .set("start", start_json(started))
              .set("dump", pos[0])
              .set("table", table_name(tbl))
-             .set("inst", inst)
-             .set("text", text),
-         text);
+             .set("dumps", std::move(dumps)),
+         all_text);
     return kExitOk;
 }
 
@@ -114,7 +110,7 @@ int cmd_debug(const Args &args)
     if (pos.size() > 1)
         throw UsageError("unexpected argument '" + pos[1] + "'");
     if (pos.size() == 1) {
-        const auto level = static_cast<uint32_t>(parse_number(pos[0], 7, "LEVEL"));
+        const auto level = static_cast<uint32_t>(parse_number(pos[0], 0, 7, "LEVEL"));
         save_debug_level(level);
     }
     const StartReport started = start_client(args);
@@ -131,23 +127,19 @@ int cmd_debug(const Args &args)
     return kExitOk;
 }
 
-int cmd_parity(const Args &args)
+namespace
 {
-    const auto &pos = args.positional();
-    if (pos.empty())
-        throw UsageError("missing TABLE");
-    const uint32_t tbl = parse_table(pos[0]);
-    if (pos.size() < 2)
-        throw UsageError("missing LOC");
-    if (pos.size() > 9)
-        throw UsageError("a parity report holds at most 8 locations");
-    const uint8_t inst = single_inst(args);
-    const bool physical = args.has("sloc");
-    std::vector<uint32_t> given;
-    for (std::size_t i = 1; i < pos.size(); ++i)
-        given.push_back(static_cast<uint32_t>(parse_number(pos[i], table_size(tbl) - 1, "LOC")));
 
-    const StartReport started = start_client(args);
+struct ParityResult {
+    Json json;
+    std::string text;
+    bool all_back = true;
+};
+
+// Damages the given locations of one instance and has the library repair them.
+ParityResult parity_on(uint8_t inst, uint32_t tbl, const std::vector<uint32_t> &given,
+                       bool physical)
+{
     tcamwrap_parity_msg request{};
     request.hdr = 0x50415249u; // "PARI": the caller's own word, passed through
     request.inst = inst;
@@ -197,7 +189,7 @@ int cmd_parity(const Args &args)
 
     bool all_back = reply.status == 0;
     Json locations = Json::array();
-    std::string text = start_summary(started) + "\n";
+    std::string text;
     for (const Damaged &d : damaged) {
         std::vector<uint8_t> now(d.key.size());
         uint16_t prio = 0;
@@ -228,18 +220,52 @@ int cmd_parity(const Args &args)
                   reply.error_code, reply.num_entries,
                   unrepaired_text.empty() ? "" : (":" + unrepaired_text).c_str(), rc);
     text += line;
+    Json json = Json::object()
+                    .set("inst", inst)
+                    .set("locations", std::move(locations))
+                    .set("reply", Json::object()
+                                      .set("status", reply.status)
+                                      .set("error_code", reply.error_code)
+                                      .set("num_entries", reply.num_entries)
+                                      .set("unrepaired", std::move(unrepaired)))
+                    .set("result", rc);
+    return {std::move(json), text, all_back};
+}
+
+} // namespace
+
+int cmd_parity(const Args &args)
+{
+    const auto &pos = args.positional();
+    if (pos.empty())
+        throw UsageError("missing TABLE");
+    const uint32_t tbl = parse_table(pos[0]);
+    if (pos.size() < 2)
+        throw UsageError("missing LOC");
+    if (pos.size() > 9)
+        throw Refused("a parity report holds at most 8 locations: give 1 to 8 LOCs");
+    const std::vector<uint8_t> insts = instances_of(inst_of(args));
+    const bool physical = args.has("sloc");
+    std::vector<uint32_t> given;
+    for (std::size_t i = 1; i < pos.size(); ++i)
+        given.push_back(
+            static_cast<uint32_t>(parse_number(pos[i], 0, table_size(tbl) - 1, "LOC")));
+
+    const StartReport started = start_client(args);
+    bool all_back = true;
+    Json reports = Json::array();
+    std::string text = start_summary(started) + "\n";
+    for (uint8_t inst : insts) {
+        ParityResult r = parity_on(inst, tbl, given, physical);
+        all_back = all_back && r.all_back;
+        reports.push(std::move(r.json));
+        text += (insts.size() > 1 ? "inst " + std::to_string(inst) + ": " : "") + r.text;
+    }
     emit(args,
          Json::object()
              .set("start", start_json(started))
              .set("table", table_name(tbl))
-             .set("inst", inst)
-             .set("locations", std::move(locations))
-             .set("reply", Json::object()
-                               .set("status", reply.status)
-                               .set("error_code", reply.error_code)
-                               .set("num_entries", reply.num_entries)
-                               .set("unrepaired", std::move(unrepaired)))
-             .set("result", rc),
+             .set("reports", std::move(reports)),
          text);
     return all_back ? kExitOk : kExitFailed;
 }
@@ -251,8 +277,7 @@ int cmd_check(const Args &args)
     // A restart reconciles: what a restarting client finds must be audited
     // before the library starts.
     (void)state_dir();
-    if (sim_card_num_insts() == 0)
-        throw Failure("cannot open the simulated card: " + errno_text(errno));
+    open_card();
     const std::vector<Difference> before = audit_persistent();
     const StartReport started = start_client(args);
     const std::vector<Difference> after = audit_running();

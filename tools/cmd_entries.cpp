@@ -24,7 +24,7 @@ uint32_t loc_argument(const Args &args, uint32_t tbl_type)
     if (args.positional().size() < 2)
         throw UsageError("missing LOC");
     return static_cast<uint32_t>(
-        parse_number(args.positional()[1], table_size(tbl_type) - 1, "LOC"));
+        parse_number(args.positional()[1], 0, table_size(tbl_type) - 1, "LOC"));
 }
 
 uint32_t table_argument(const Args &args)
@@ -55,7 +55,7 @@ LocRange loc_range_arguments(const Args &args)
     const uint32_t tbl = table_argument(args);
     const uint32_t loc = loc_argument(args, tbl);
     no_more_positionals(args, 2);
-    const uint64_t count = args.number("count", SIM_MAX_ENTRIES).value_or(1);
+    const uint64_t count = args.number("count").value_or(1);
     check_range(tbl, loc, count);
     return {tbl, loc, count};
 }
@@ -93,7 +93,7 @@ ResultWord result_option(const Args &args, uint32_t tbl_type, bool required)
     if (auto text = args.value("result")) {
         std::vector<uint8_t> bytes;
         if (!parse_hex(*text, bytes) || bytes.size() != TCAMWRAP_RESULT_BYTES)
-            throw UsageError("--result: give the 5-byte result word as 10 hex digits");
+            args.def("result").refuse(*text);
         ResultWord w{};
         std::copy(bytes.begin(), bytes.end(), w.begin());
         return w;
@@ -101,7 +101,7 @@ ResultWord result_option(const Args &args, uint32_t tbl_type, bool required)
     if (auto nh = args.value("next-hop")) {
         auto addr = parse_ipv4(*nh);
         if (!addr)
-            throw UsageError("--next-hop: '" + *nh + "' is not an IPv4 address");
+            args.def("next-hop").refuse(*nh);
         return next_hop_result(*addr);
     }
     if (required)
@@ -145,18 +145,18 @@ std::vector<Route> read_routes_file(const std::string &path)
 {
     std::ifstream in(path);
     if (!in)
-        throw UsageError("cannot read routes file '" + path + "'");
+        throw Refused("cannot read routes file '" + path + "'");
     std::vector<Route> routes;
     PrefixSet seen;
     std::string line, error;
     for (unsigned n = 1; std::getline(in, line); ++n) {
         auto route = parse_route_line(line, &error);
         if (!route && !error.empty())
-            throw UsageError(path + ":" + std::to_string(n) + ": " + error);
+            throw Refused(path + ":" + std::to_string(n) + ": " + error);
         if (!route)
             continue;
         if (!seen.insert(route->net, route->len))
-            throw UsageError(path + ":" + std::to_string(n) + ": duplicate route " +
+            throw Refused(path + ":" + std::to_string(n) + ": duplicate route " +
                              route_text(route->net, route->len));
         routes.push_back(*route);
     }
@@ -248,16 +248,16 @@ std::string entry_text(uint8_t inst, uint32_t tbl_type, uint32_t loc, const Entr
 int cmd_load(const Args &args)
 {
     no_more_positionals(args, 1);
-    const auto generate = args.number("generate", 2 * SIM_MAX_ENTRIES);
-    const uint64_t acl = args.number("acl", 2 * SIM_MAX_ENTRIES).value_or(0);
+    const auto generate = args.number("generate");
+    const uint64_t acl = args.number("acl").value_or(0);
     const bool from_file = !args.positional().empty();
     if (from_file && generate)
-        throw UsageError("give a routes file or --generate, not both");
+        throw Refused("ROUTES_FILE and --generate exclude each other: give one of them");
     if (!from_file && !generate && acl == 0)
         throw UsageError("nothing to load: give a routes file, --generate N or --acl N");
-    const uint64_t seed = args.number("seed", UINT64_MAX).value_or(std::random_device{}());
-    const auto start = static_cast<uint32_t>(args.number("start", SIM_MAX_ENTRIES).value_or(0));
-    const uint8_t inst = parse_inst(args.value("inst").value_or("all"));
+    const uint64_t seed = args.number("seed").value_or(std::random_device{}());
+    const auto start = static_cast<uint32_t>(args.number("start").value_or(0));
+    const uint8_t inst = inst_of(args);
     (void)instances_of(inst);
 
     std::mt19937_64 rng(seed);
@@ -269,7 +269,7 @@ int cmd_load(const Args &args)
     const std::vector<AclRule> aclo = generate_acl(static_cast<uint32_t>(acl), false, rng);
     auto check_capacity = [&](uint32_t tbl, uint64_t n) {
         if (n > spread_capacity(table_size(tbl), start))
-            throw UsageError(std::to_string(n) + " entries from loc " + std::to_string(start) +
+            throw Refused(std::to_string(n) + " entries from loc " + std::to_string(start) +
                              " do not fit the " + table_name(tbl) + " table (" +
                              std::to_string(table_size(tbl)) +
                              " entries, filled from both halves)");
@@ -322,28 +322,26 @@ int cmd_write(const Args &args)
 {
     const LocRange range = loc_range_arguments(args);
     const auto [tbl, loc, count] = range;
-    const uint8_t inst = parse_inst(args.value("inst").value_or("all"));
+    const uint8_t inst = inst_of(args);
     (void)instances_of(inst);
 
     uint8_t acl_prio = 1;
-    if (auto v = args.number("acl-prio", 1)) {
+    if (auto v = args.value("acl-prio")) {
         if (tbl != TCAMWRAP_TBL_ACLI)
-            throw UsageError("--acl-prio belongs to the acli table");
-        acl_prio = static_cast<uint8_t>(*v);
+            throw Refused("--acl-prio belongs to the acli table");
+        acl_prio = *v == "1" ? 1 : 0;
     }
     std::vector<EntrySpec> entries;
     if (auto route_text_arg = args.value("route")) {
         if (tbl != TCAMWRAP_TBL_FIB)
-            throw UsageError("--route belongs to the fib table");
-        if (args.has("key") || args.has("prio"))
-            throw UsageError("give --route or --key/--prio, not both");
+            throw Refused("--route belongs to the fib table");
         std::string error;
         auto route = parse_prefix(*route_text_arg, &error);
         if (!route)
-            throw UsageError("--route: " + error);
+            args.def("route").refuse(*route_text_arg, error);
         const uint64_t block = uint64_t{1} << (32 - route->len);
         if (count > 1 && uint64_t{route->net} + (count - 1) * block > 0xFFFFFFFFu)
-            throw UsageError("--count: " + std::to_string(count) + " networks of length " +
+            throw Refused("--count " + std::to_string(count) + ": " + std::to_string(count) + " networks of length " +
                              std::to_string(route->len) + " from " + *route_text_arg +
                              " run past 255.255.255.255");
         const ResultWord result = result_option(args, tbl, true);
@@ -353,13 +351,13 @@ int cmd_write(const Args &args)
         }
     } else {
         auto key_text = args.value("key");
-        auto prio = args.number("prio", 0xFFFF);
+        auto prio = args.number("prio");
         if (!key_text || !prio)
             throw UsageError(tbl == TCAMWRAP_TBL_FIB ? "give --route, or --key and --prio"
                                                      : "give --key and --prio");
         std::vector<uint8_t> key;
         if (!parse_hex(*key_text, key) || key.size() != sim_key_bytes(tbl))
-            throw UsageError("--key: the " + std::string(table_name(tbl)) + " key is " +
+            throw Refused("--key '" + *key_text + "': the " + std::string(table_name(tbl)) + " key is " +
                              std::to_string(sim_key_bytes(tbl)) +
                              " bytes (value then mask) in hex");
         const ResultWord result = result_option(args, tbl, true);
@@ -381,7 +379,7 @@ int cmd_write(const Args &args)
 int cmd_read(const Args &args)
 {
     const LocRange range = loc_range_arguments(args);
-    const uint8_t inst = parse_inst(args.value("inst").value_or("0"));
+    const uint8_t inst = inst_of(args);
     const auto insts = instances_of(inst);
 
     const StartReport started = start_client(args);
@@ -396,7 +394,7 @@ int cmd_read(const Args &args)
 int cmd_delete(const Args &args)
 {
     const auto [tbl, loc, count] = loc_range_arguments(args);
-    const uint8_t inst = parse_inst(args.value("inst").value_or("all"));
+    const uint8_t inst = inst_of(args);
     (void)instances_of(inst);
 
     const StartReport started = start_client(args);
@@ -422,7 +420,7 @@ int cmd_ssram(const Args &args)
 {
     const auto [tbl, loc, count] = loc_range_arguments(args);
     const bool writing = args.has("result") || args.has("next-hop");
-    const uint8_t inst = parse_inst(args.value("inst").value_or(writing ? "all" : "0"));
+    const uint8_t inst = inst_of(args);
     const auto insts = instances_of(inst);
     const ResultWord word = result_option(args, tbl, false);
 
@@ -468,22 +466,22 @@ int cmd_lookup(const Args &args)
     std::string what;
     if (args.positional().size() == 2) {
         if (tbl != TCAMWRAP_TBL_FIB)
-            throw UsageError("an address is looked up in the fib; ACL tables take --key");
+            throw Refused("an address is looked up in the fib; ACL tables take --key");
         auto addr = parse_ipv4(args.positional()[1]);
         if (!addr)
-            throw UsageError("'" + args.positional()[1] + "' is not an IPv4 address");
+            throw Refused("ADDRESS '" + args.positional()[1] + "': give an IPv4 address a.b.c.d");
         const FibSearch s = fib_search(*addr);
         search.assign(s.begin(), s.end());
         what = args.positional()[1];
     } else if (auto key = args.value("key")) {
         if (!parse_hex(*key, search) || search.size() != sim_key_bytes(tbl) / 2)
-            throw UsageError("--key: the search key of " + std::string(table_name(tbl)) + " is " +
+            throw Refused("--key '" + *key + "': the search key of " + std::string(table_name(tbl)) + " is " +
                              std::to_string(sim_key_bytes(tbl) / 2) + " bytes (value half) in hex");
         what = hex(search.data(), search.size());
     } else {
         throw UsageError(tbl == TCAMWRAP_TBL_FIB ? "give an ADDRESS or --key" : "give --key");
     }
-    const uint8_t inst = parse_inst(args.value("inst").value_or("0"));
+    const uint8_t inst = inst_of(args);
     const auto insts = instances_of(inst);
 
     const StartReport started = start_client(args);

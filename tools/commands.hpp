@@ -14,16 +14,29 @@
 namespace tcamwrap::cli
 {
 
+// What a command needs of the state directory; main checks it before the
+// command runs, so a mistyped --state never makes a new card.
+enum class CardUse {
+    Existing, // a card must be there; this process becomes its client
+    Own,      // the command checks for itself ('card': create makes one)
+    Fresh,    // the command makes its own card and its clients ('demo')
+};
+
 struct Command {
     const char *name;
     const char *summary; // one line for the command list
-    const char *help;    // full help: examples first
+    const char *help;    // full help: usage first, examples last
     std::vector<OptionDef> options;
+    std::vector<Exclusive> exclusive; // options of which at most one may be given
+    CardUse card = CardUse::Existing;
     std::function<int(const Args &)> run;
 };
 
 const std::vector<Command> &commands();
 const Command *find_command(const std::string &name);
+
+// What --crash accepts, in words (demo).
+std::string crash_points_accepted();
 
 // Starts the library with the global options (--debug, --verbose) of args.
 StartReport start_client(const Args &args);
@@ -79,7 +92,8 @@ uint64_t engine_moves();
 // separators.
 std::string capture_dump(const std::function<void(int fd)> &produce);
 
-// Prints a report: JSON when --json, else the text.
+// Prints a report: JSON when --json (its "seconds" only with --timings), else
+// the text.
 void emit(const Args &args, const Json &json, const std::string &text);
 
 // The subcommands.

@@ -23,6 +23,7 @@
 #include "audit.hpp"
 #include "commands.hpp"
 #include "orvex_sim.h"
+#include "profile.hpp"
 #include "routes.hpp"
 #include "sim_card.h"
 #include "sim_fault.h"
@@ -549,6 +550,43 @@ int restart_and_verify(const Model &model, const Inflight &inflight, Shared *shm
 
 // ---- the parent -------------------------------------------------------------
 
+// The crash points --crash takes: the search engine's callbacks (PRE_ADD for
+// camindex.PRE_ADD), any of them, and the store calls.
+const char *const kCrashPoints[] = {"PRE_ADD",  "POST_ADD", "PRE_DEL",   "POST_DEL",  "PRE_MOVE",
+                                    "POST_MOVE", "camindex", "kvs_store", "kvs_delete"};
+
+struct CrashChoice {
+    std::string point; // as the fault injector names it
+    std::optional<uint64_t> nth;
+};
+
+// --crash POINT[:N], checked before anything is made.
+std::optional<CrashChoice> crash_option(const Args &args)
+{
+    auto text = args.value("crash");
+    if (!text)
+        return std::nullopt;
+    CrashChoice c;
+    std::string point = *text;
+    if (auto colon = point.rfind(':'); colon != std::string::npos) {
+        const std::string count = point.substr(colon + 1);
+        try {
+            c.nth = parse_number(count, 1, UINT32_MAX, "count");
+        } catch (const Refused &) {
+            args.def("crash").refuse(*text, "the count N is not a whole number from 1");
+        }
+        point.resize(colon);
+    }
+    if (std::find(std::begin(kCrashPoints), std::end(kCrashPoints), point) ==
+        std::end(kCrashPoints))
+        args.def("crash").refuse(*text);
+    c.point = point.rfind("PRE_", 0) == 0 || point.rfind("POST_", 0) == 0 ? "camindex." + point
+                                                                          : point;
+    return c;
+}
+
+// The state directory of the demo: a new temporary one unless one is named,
+// which must not hold a card. Called once every option has been checked.
 void prepare_state_dir()
 {
     if (std::getenv(SIM_STATE_ENV) == nullptr) {
@@ -560,65 +598,68 @@ void prepare_state_dir()
         ::setenv(SIM_STATE_ENV, templ.c_str(), 1);
     }
     if (card_exists() || client_started())
-        throw UsageError("the demo needs a fresh card, but " + state_dir() +
-                         " holds one ('tcamwrap-sim card reset' removes it, or name a new "
-                         "directory)");
+        throw Refused("the demo needs a fresh card, but " + state_dir() +
+                      " holds one ('tcamwrap-sim card reset' removes it, or name a new "
+                      "directory)");
 }
 
+// The card the demo will make, from the profile a new card takes, checked
+// against the options before the card exists.
 DemoSizes card_sizes(const Args &args)
 {
     DemoSizes sz{};
-    sz.routes = static_cast<uint32_t>(args.number("routes", SIM_MAX_ENTRIES).value_or(100000));
-    sz.acl = static_cast<uint32_t>(args.number("acl", SIM_MAX_ENTRIES).value_or(2000));
-    sz.storm = static_cast<uint32_t>(args.number("storm", 10000000).value_or(20000));
-    if (sim_card_open() != 0)
-        throw Failure("cannot create the simulated card in " + state_dir() + ": " +
-                      errno_text(errno));
-    if (sim_card_num_insts() != kDemoInsts)
-        throw UsageError("the demo needs a card with two instances (the profile has " +
-                         std::to_string(sim_card_num_insts()) + ")");
+    sz.routes = static_cast<uint32_t>(args.number("routes").value_or(100000));
+    sz.acl = static_cast<uint32_t>(args.number("acl").value_or(2000));
+    sz.storm = static_cast<uint32_t>(args.number("storm").value_or(20000));
+    if (sz.routes < 100)
+        throw Refused("--routes '" + std::to_string(sz.routes) +
+                      "': the demo needs at least 100 routes: give a whole number from 100 to " +
+                      std::to_string(args.def("routes").max));
+    sim::Profile profile;
+    if (auto err = sim::profile_from_setting(std::getenv(SIM_PROFILE_ENV), profile); !err.empty())
+        throw Refused(std::string(SIM_PROFILE_ENV) + ": " + err);
+    if (profile.insts != kDemoInsts)
+        throw Refused("the demo needs a card with two instances (" SIM_PROFILE_ENV " has " +
+                      std::to_string(profile.insts) + ")");
     for (uint32_t tbl : kTables) {
-        if (!is_orvex(tbl))
-            throw UsageError(std::string("the demo needs every table on an Orvex TCAM; ") +
-                             table_name(tbl) + " is tcam3 in the profile");
-        sz.size[tbl] = table_size(tbl);
+        const int t = sim::table_index(tbl);
+        if (profile.kind[t] != SIM_KIND_ORVEX)
+            throw Refused(std::string("the demo needs every table on an Orvex TCAM; ") +
+                          table_name(tbl) + " is tcam3 in " SIM_PROFILE_ENV);
+        sz.size[tbl] = profile.size[t];
     }
     // A bank filled beyond nine tenths leaves the engine little room to work.
     auto fits = [](uint64_t n, uint32_t size) { return n * 10 <= uint64_t{size} * 9; };
     if (!fits(sz.routes, sz.size[TCAMWRAP_TBL_FIB]))
-        throw UsageError("--routes " + std::to_string(sz.routes) +
-                         " is more than 90% of the fib (" +
-                         std::to_string(sz.size[TCAMWRAP_TBL_FIB]) + " entries)");
+        args.def("routes").refuse(std::to_string(sz.routes),
+                                  "more than 90% of the fib (" +
+                                      std::to_string(sz.size[TCAMWRAP_TBL_FIB]) + " entries)");
     if (!fits(sz.acl, sz.size[TCAMWRAP_TBL_ACLI]) || !fits(sz.acl, sz.size[TCAMWRAP_TBL_ACLO]))
-        throw UsageError("--acl " + std::to_string(sz.acl) + " is more than 90% of an ACL table");
-    if (sz.routes < 100)
-        throw UsageError("--routes: the demo needs at least 100 routes");
-    if (sz.storm == 0)
-        throw UsageError("--storm: the storm needs at least one overwrite");
-    // The children open the card themselves.
-    sim_card_close();
+        args.def("acl").refuse(std::to_string(sz.acl), "more than 90% of an ACL table");
     return sz;
+}
+
+// Makes the card the checks above describe; the children open it themselves.
+void create_card(const DemoSizes &sz)
+{
+    open_card();
+    for (uint32_t tbl : kTables)
+        if (table_size(tbl) != sz.size[tbl])
+            throw Failure("the card in " + state_dir() + " is not the one " SIM_PROFILE_ENV
+                          " describes");
+    sim_card_close();
 }
 
 // The crash: --crash POINT[:N], or a random camindex point and count that the
 // storm reaches about half way. moves_per_write: the engine's moves per
 // overwrite and instance as the programming phase saw them.
-void choose_crash(const Args &args, std::mt19937_64 &rng, double moves_per_write, Plan &plan)
+void choose_crash(const std::optional<CrashChoice> &chosen, std::mt19937_64 &rng,
+                  double moves_per_write, Plan &plan)
 {
     const uint64_t storm_writes = plan.storm.size() * kDemoInsts;
-    if (auto text = args.value("crash")) {
-        std::string point = *text;
-        std::optional<uint64_t> nth;
-        if (auto colon = point.rfind(':'); colon != std::string::npos) {
-            nth = parse_number(point.substr(colon + 1), UINT32_MAX, "--crash count");
-            point.resize(colon);
-        }
-        if (point.rfind("PRE_", 0) == 0 || point.rfind("POST_", 0) == 0)
-            point = "camindex." + point;
-        plan.crash_point = point;
-        plan.crash_nth = nth.value_or(1 + rng() % std::max<uint64_t>(1, storm_writes / 2));
-        if (plan.crash_nth == 0)
-            throw UsageError("--crash: the count starts at 1");
+    if (chosen) {
+        plan.crash_point = chosen->point;
+        plan.crash_nth = chosen->nth.value_or(1 + rng() % std::max<uint64_t>(1, storm_writes / 2));
         return;
     }
     // Every storm overwrite passes each add and delete point once per instance;
@@ -858,14 +899,24 @@ Json json_report(const DemoResult &r)
 
 } // namespace
 
+std::string crash_points_accepted()
+{
+    std::string out = "POINT[:N], POINT one of";
+    for (const char *point : kCrashPoints)
+        out += std::string(" ") + point;
+    return out + ", N a whole number from 1";
+}
+
 int cmd_demo(const Args &args)
 {
     if (!args.positional().empty())
         throw UsageError("unexpected argument '" + args.positional()[0] + "'");
     const auto t_total = std::chrono::steady_clock::now();
-    prepare_state_dir();
+    const std::optional<CrashChoice> crash = crash_option(args);
     const DemoSizes sz = card_sizes(args);
-    const uint64_t seed = args.number("seed", UINT64_MAX).value_or(std::random_device{}());
+    const uint64_t seed = args.number("seed").value_or(std::random_device{}());
+    prepare_state_dir();
+    create_card(sz);
 
     auto t = std::chrono::steady_clock::now();
     Plan plan = make_plan(seed, sz);
@@ -898,7 +949,7 @@ int cmd_demo(const Args &args)
                                        ? 0.0
                                        : static_cast<double>(shm->moves_overwrites) /
                                              static_cast<double>(plan.moves.size() * kDemoInsts);
-    choose_crash(args, crash_rng, moves_per_write, plan);
+    choose_crash(crash, crash_rng, moves_per_write, plan);
     t = std::chrono::steady_clock::now();
     status = run_child(shm, 1, [&] { return overwrite_storm(plan, shm); });
     const double t_storm = seconds_since(t);
@@ -963,10 +1014,7 @@ int cmd_demo(const Args &args)
                  {}};
     for (uint32_t tbl : kTables)
         r.entries[tbl] = used_locs(model[tbl]).size();
-    if (args.has("json"))
-        std::printf("%s\n", json_report(r).dump().c_str());
-    else
-        std::fputs(text_report(r).c_str(), stdout);
+    emit(args, json_report(r), text_report(r));
     ::munmap(shm, sizeof(Shared));
     return ok ? kExitOk : kExitFailed;
 }

@@ -25,6 +25,18 @@ Json &Json::push(Json value)
     return *this;
 }
 
+void Json::drop(std::string_view key)
+{
+    if (auto *a = std::get_if<Array>(&v_))
+        for (Json &e : *a)
+            e.drop(key);
+    if (auto *o = std::get_if<Object>(&v_)) {
+        std::erase_if(*o, [key](const auto &member) { return member.first == key; });
+        for (auto &member : *o)
+            member.second.drop(key);
+    }
+}
+
 std::string Json::dump() const
 {
     std::string out;

@@ -43,6 +43,8 @@ class Json
     Json &push(Json value);
 
     std::string dump() const;
+    // Removes every member named key, at any depth.
+    void drop(std::string_view key);
 
   private:
     void dump_to(std::string &out) const;

@@ -33,6 +33,20 @@
 extern "C" {
 #endif
 
+/* The version of this header, which is the package version (CMake reads it
+ * from here). TCAMWRAP_VERSION is major * 10000 + minor * 100 + patch. */
+#define TCAMWRAP_VERSION_MAJOR 1
+#define TCAMWRAP_VERSION_MINOR 0
+#define TCAMWRAP_VERSION_PATCH 0
+#define TCAMWRAP_VERSION_STR_(x) #x
+#define TCAMWRAP_VERSION_XSTR_(x) TCAMWRAP_VERSION_STR_(x)
+#define TCAMWRAP_VERSION_STRING                                  \
+    TCAMWRAP_VERSION_XSTR_(TCAMWRAP_VERSION_MAJOR) "."           \
+    TCAMWRAP_VERSION_XSTR_(TCAMWRAP_VERSION_MINOR) "."           \
+    TCAMWRAP_VERSION_XSTR_(TCAMWRAP_VERSION_PATCH)
+#define TCAMWRAP_VERSION \
+    (TCAMWRAP_VERSION_MAJOR * 10000 + TCAMWRAP_VERSION_MINOR * 100 + TCAMWRAP_VERSION_PATCH)
+
 #if defined(__GNUC__)
 #define TCAMWRAP_EXPORT __attribute__((visibility("default")))
 #else

@@ -105,7 +105,14 @@ void tcamwrap_assert_report(const char *func, int line)
     void *frames[TCAMWRAP_BACKTRACE_DEPTH];
     const int depth = backtrace(frames, TCAMWRAP_BACKTRACE_DEPTH);
 
-    const int fd = open(TCAMWRAP_ASSERT_FILE, O_WRONLY | O_CREAT | O_APPEND, 0644);
+    /* A host may send the report elsewhere; unset, the card's own file and log
+     * are used. Read at each report, so a test can point them at its own place. */
+    const char *file = getenv("TCAMWRAP_ASSERT_FILE");
+    if (file == nullptr || *file == '\0')
+        file = TCAMWRAP_ASSERT_FILE;
+    const char *ident = getenv("TCAMWRAP_SYSLOG_IDENT");
+
+    const int fd = open(file, O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd <= 0)
         return;
     struct stat st;
@@ -131,8 +138,14 @@ void tcamwrap_assert_report(const char *func, int line)
 
     char text[500];
     snprintf(text, sizeof(text), "Exception at: %s/%d", func, line);
+    if (ident != nullptr && strcmp(ident, "none") == 0)
+        return;
+    if (ident != nullptr && *ident != '\0')
+        openlog(ident, LOG_PID, LOG_USER);
     /* The text goes to the log as it stands; "%s" keeps a '%' in a name inert. */
     syslog(LOG_DEBUG, "%s", text);
+    if (ident != nullptr && *ident != '\0')
+        closelog();
 }
 
 /* ---- table checks ------------------------------------------------------------- */

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <sstream>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "image.hpp"
@@ -182,6 +183,11 @@ struct Process {
     std::string dir;  // empty until resolved
     std::unique_ptr<Card> card;
     std::string last_error;  // reported once, not on every call
+    // The card's client lock while this process holds it. An fcntl record lock:
+    // the kernel drops it when the process dies, however it dies, and a forked
+    // child does not inherit it.
+    UniqueFd claim;
+    bool refusal_reported = false;
 };
 
 Process &process()
@@ -190,14 +196,25 @@ Process &process()
     return p;
 }
 
-const std::string *state_dir_locked(Process &p)
+// Keeps the text of a failure for sim_card_error(); with report, also says it on
+// stderr, once for the same text. Explicit calls of sim_card.h do not report:
+// their caller does.
+void note_error(Process &p, const std::string &err, bool report)
+{
+    const int saved = errno != 0 ? errno : EIO;
+    if (report && err != p.last_error)
+        warn(err);
+    p.last_error = err;
+    errno = saved;
+}
+
+const std::string *state_dir_locked(Process &p, bool report = true)
 {
     if (p.dir.empty()) {
         std::string dir = absolute(std::getenv(SIM_STATE_ENV));
         if (make_dirs(dir) != 0) {
-            int err = errno;
-            warn("cannot create state directory " + dir + ": " + std::strerror(err));
-            errno = err;
+            note_error(p, "cannot create state directory " + dir + ": " + std::strerror(errno),
+                       report);
             return nullptr;
         }
         p.dir = dir;
@@ -205,25 +222,64 @@ const std::string *state_dir_locked(Process &p)
     return &p.dir;
 }
 
-Card *card_locked(Process &p)
+Card *card_locked(Process &p, bool report = true)
 {
     if (p.card)
         return p.card.get();
-    const std::string *dir = state_dir_locked(p);
+    const std::string *dir = state_dir_locked(p, report);
     if (dir == nullptr)
         return nullptr;
     auto card = std::make_unique<Card>();
     if (auto err = card->open(*dir); !err.empty()) {
-        int saved = errno != 0 ? errno : EIO;
-        if (err != p.last_error)
-            warn(err);
-        p.last_error = err;
-        errno = saved;
+        note_error(p, err, report);
         return nullptr;
     }
     p.last_error.clear();
     p.card = std::move(card);
     return p.card.get();
+}
+
+std::string claim_path(const std::string &dir)
+{
+    return dir + "/" + SIM_CLIENT_LOCK_FILE;
+}
+
+// The pid of the process whose client lock covers fd's file, 0 when none.
+pid_t lock_holder(int fd)
+{
+    struct flock probe {};
+    probe.l_type = F_WRLCK;
+    probe.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_GETLK, &probe) != 0)
+        return -1;
+    return probe.l_type == F_UNLCK ? 0 : probe.l_pid;
+}
+
+// 0 when this process holds (or now takes) the card's client lock; -1 with
+// errno EBUSY when another process holds it, and *holder set to its pid.
+int claim_locked(Process &p, pid_t *holder)
+{
+    if (p.claim)
+        return 0;
+    const std::string *dir = state_dir_locked(p, false);
+    if (dir == nullptr)
+        return -1;
+    UniqueFd fd(::open(claim_path(*dir).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd)
+        return -1;
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    if (::fcntl(fd.get(), F_SETLK, &whole) == 0) {
+        p.claim = std::move(fd);
+        p.refusal_reported = false;
+        return 0;
+    }
+    if (errno != EACCES && errno != EAGAIN)
+        return -1;
+    if (holder != nullptr)
+        *holder = lock_holder(fd.get());
+    return fail_with(EBUSY);
 }
 
 // Runs fn(card) under the process lock, or returns on_error when there is no card.
@@ -232,6 +288,27 @@ R with_card(R on_error, Fn fn)
 {
     Process &p = process();
     std::lock_guard lock(p.mu);
+    Card *c = card_locked(p);
+    return c != nullptr ? fn(*c) : on_error;
+}
+
+// with_card for calls that change the card: the first makes this process the
+// card's client, and a card held by another process is refused with EBUSY.
+template <typename Fn, typename R>
+R with_client_card(R on_error, Fn fn)
+{
+    Process &p = process();
+    std::lock_guard lock(p.mu);
+    pid_t holder = 0;
+    if (claim_locked(p, &holder) != 0) {
+        const int err = errno;
+        if (err == EBUSY && !p.refusal_reported)
+            warn("the card in " + p.dir + " has a client already (process " +
+                 std::to_string(holder) + "): one client process per card");
+        p.refusal_reported = err == EBUSY;
+        errno = err;
+        return on_error;
+    }
     Card *c = card_locked(p);
     return c != nullptr ? fn(*c) : on_error;
 }
@@ -276,13 +353,22 @@ const char *sim_state_dir(void)
 {
     Process &p = process();
     std::lock_guard lock(p.mu);
-    const std::string *dir = state_dir_locked(p);
+    const std::string *dir = state_dir_locked(p, false);
     return dir != nullptr ? dir->c_str() : nullptr;
 }
 
 int sim_card_open(void)
 {
-    return with_card(-1, [](Card &) { return 0; });
+    Process &p = process();
+    std::lock_guard lock(p.mu);
+    return card_locked(p, false) != nullptr ? 0 : -1;
+}
+
+const char *sim_card_error(void)
+{
+    Process &p = process();
+    std::lock_guard lock(p.mu);
+    return p.last_error.c_str();
 }
 
 void sim_card_close(void)
@@ -290,8 +376,36 @@ void sim_card_close(void)
     Process &p = process();
     std::lock_guard lock(p.mu);
     p.card.reset();
+    p.claim.reset();
+    p.refusal_reported = false;
     p.dir.clear();
     p.last_error.clear();
+}
+
+int sim_card_claim(long *holder)
+{
+    Process &p = process();
+    std::lock_guard lock(p.mu);
+    pid_t pid = 0;
+    const int rc = claim_locked(p, &pid);
+    if (holder != nullptr)
+        *holder = rc == 0 ? static_cast<long>(::getpid()) : static_cast<long>(pid);
+    return rc;
+}
+
+long sim_card_holder(void)
+{
+    Process &p = process();
+    std::lock_guard lock(p.mu);
+    if (p.claim)
+        return static_cast<long>(::getpid());
+    const std::string *dir = state_dir_locked(p, false);
+    if (dir == nullptr)
+        return -1;
+    UniqueFd fd(::open(claim_path(*dir).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return errno == ENOENT ? 0 : -1;
+    return static_cast<long>(lock_holder(fd.get()));
 }
 
 int sim_card_profile_text(char *buf, uint32_t size)
@@ -338,7 +452,7 @@ uint32_t sim_key_bytes(uint32_t tbl_type)
 int sim_hw_tcam_write(uint8_t inst, uint32_t tbl_type, uint32_t loc, const uint8_t *key,
                       uint16_t prio)
 {
-    return with_card(-1, [=](Card &c) {
+    return with_client_card(-1, [=](Card &c) {
         const TableView *t = c.table(inst, tbl_type);
         if (t == nullptr || loc >= t->size || key == nullptr)
             return fail_with(EINVAL);
@@ -357,7 +471,7 @@ int sim_hw_tcam_write(uint8_t inst, uint32_t tbl_type, uint32_t loc, const uint8
 
 int sim_hw_tcam_clear(uint8_t inst, uint32_t tbl_type, uint32_t loc)
 {
-    return with_card(-1, [=](Card &c) {
+    return with_client_card(-1, [=](Card &c) {
         const TableView *t = c.table(inst, tbl_type);
         if (t == nullptr || loc >= t->size)
             return fail_with(EINVAL);
@@ -451,7 +565,7 @@ int sim_hw_mem_read(uint8_t inst, uint32_t tbl_type, uint32_t mem, uint32_t star
 int sim_hw_mem_write(uint8_t inst, uint32_t tbl_type, uint32_t mem, uint32_t start,
                      uint32_t count, const uint8_t *in)
 {
-    return with_card(-1, [=](Card &c) {
+    return with_client_card(-1, [=](Card &c) {
         const TableView *t = c.table(inst, tbl_type);
         auto m = t != nullptr ? memory_of(*t, mem) : std::nullopt;
         if (!m || in == nullptr || !in_range(start, count, m->words))

@@ -14,6 +14,17 @@
  * the defaults shown). It is read only when the card is created; afterwards the
  * profile saved in the state directory rules.
  *
+ * One client per card: the first call that changes the card (a TCAM write or
+ * clear, a memory write) makes the calling process the card's client, until
+ * sim_card_close() or the death of the process (a kill -9 included: the lock
+ * is an fcntl record lock on "client.lock" in the state directory, which the
+ * kernel drops with the process). A change from any other process is then
+ * refused with EBUSY, and the simulator says once, on stderr, which process
+ * holds the card. A forked child is a process of its own: it does not inherit
+ * its parent's hold. Processes that only read the card are not refused; they
+ * may see a change half made. A client that must not start on a held card at
+ * all (one that restores from the hardware, say) calls sim_card_claim() first.
+ *
  * Every call here is for one thread at a time, like the platform calls.
  */
 #ifndef TCAMWRAP_SIM_CARD_H
@@ -28,22 +39,36 @@ extern "C" {
 #define SIM_STATE_ENV   "TCAMWRAP_SIM_STATE"
 #define SIM_PROFILE_ENV "TCAMWRAP_SIM_PROFILE"
 #define SIM_STATE_DEFAULT "./tcamwrap-sim-state"
+#define SIM_CLIENT_LOCK_FILE "client.lock"
 
 /* Absolute path of the state directory, created when missing; NULL (errno set)
  * when it cannot be created. The text stays valid until sim_card_close(). */
 const char *sim_state_dir(void);
 
 /* Open (creating from the profile when new) the card now; 0, or -1 with errno
- * (EINVAL: bad profile or a damaged image; other: file system errors). Every
- * other call opens the card on first use, so this is only needed to see the
- * error early. */
+ * (EINVAL: bad profile or a damaged image; other: file system errors) and the
+ * reason in sim_card_error(). Every other call opens the card on first use and
+ * says on stderr, once, why it cannot; sim_card_open() and sim_state_dir() say
+ * nothing, so their caller reports the failure in its own words. */
 int sim_card_open(void);
+
+/* The text of the last failure to find or open the card ("" after a success);
+ * valid until the next call. */
+const char *sim_card_error(void);
 
 /* Forget the card and the state directory of this process (unmaps the image).
  * The next call reads TCAMWRAP_SIM_STATE and TCAMWRAP_SIM_PROFILE again: tests
  * use this to switch to a fresh directory. The hardware content stays in the
  * image file. */
 void sim_card_close(void);
+
+/* Makes this process the card's client now; 0, or -1 with errno (EBUSY: another
+ * process holds the card). *holder, when given, receives the pid of the holder
+ * (this process on success; 0 when the holder could not be seen). */
+int sim_card_claim(long *holder);
+
+/* The pid of the process holding the card, 0 when none; -1 with errno. */
+long sim_card_holder(void);
 
 /* The profile in effect, as text in the profile syntax; 0, or -1 with errno. */
 int sim_card_profile_text(char *buf, uint32_t size);

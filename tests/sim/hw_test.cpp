@@ -88,10 +88,14 @@ TEST(SimHw, TcamCallsRejectWhatIsOutsideTheCard)
 TEST(SimHw, ImageSurvivesTheDeathOfTheProcessThatWroteIt)
 {
     ScopedSimState state(kSmallCard);
-    FibKey wide = fib_key(0xC0000000, 8);
-    ASSERT_EQ(sim_hw_tcam_write(1, kFib, 10, wide.data(), 1), 0);
-    ASSERT_EQ(fib_lookup(0xC0A81234, 1), 10u);
+    // Each writer is a client process of its own: one client per card.
     int status = run_in_child([] {
+        FibKey wide = fib_key(0xC0000000, 8);
+        return sim_hw_tcam_write(1, kFib, 10, wide.data(), 1) == 0 ? 0 : 1;
+    });
+    ASSERT_TRUE(exited_with(status, 0)) << status;
+    ASSERT_EQ(fib_lookup(0xC0A81234, 1), 10u);
+    status = run_in_child([] {
         sim_card_close();
         FibKey key = fib_key(0xC0A80000, 16);
         uint8_t word[5] = {1, 2, 3, 4, 5}, flow[5] = {9, 8, 7, 6, 5}, prio = 0;

@@ -173,22 +173,42 @@ TEST(SpreadLoc, FillsBothHalvesFromStartInTurn)
 
 TEST(Args, ParsesOptionsNumbersTablesAndInstances)
 {
-    const std::vector<cli::OptionDef> options = {{"count", true}, {"hw", false}};
+    const std::vector<cli::OptionDef> options = {
+        cli::count_option("count", 10), cli::flag_option("hw"),
+        cli::choice_option("kind", {"orvex", "tcam3"}), cli::text_option("route", "a prefix")};
+    const std::vector<cli::Exclusive> exclusive = {{"hw", "route"}};
     const auto a =
         cli::Args::parse({"fib", "--count=4", "10", "--hw", "--json", "--", "--x"}, options);
     EXPECT_EQ(a.positional(), (std::vector<std::string>{"fib", "10", "--x"}));
-    EXPECT_EQ(a.number("count", 10), 4u);
+    EXPECT_EQ(a.number("count"), 4u);
     EXPECT_TRUE(a.has("hw") && a.has("json"));
     EXPECT_FALSE(a.has("verbose"));
-    EXPECT_EQ(cli::parse_number("0x1f", 100, "n"), 31u);
+    EXPECT_EQ(cli::parse_number("0x1f", 0, 100, "n"), 31u);
     EXPECT_EQ(cli::parse_table("1"), TCAMWRAP_TBL_ACLI);
 
-    EXPECT_THROW(cli::Args::parse({"--nope"}, options), cli::UsageError);
-    EXPECT_THROW(cli::Args::parse({"--count"}, options), cli::UsageError);
-    EXPECT_THROW(cli::Args::parse({"--hw=1"}, options), cli::UsageError);
-    EXPECT_THROW(cli::Args::parse({"--count", "x"}, options).number("count", 10), cli::UsageError);
-    EXPECT_THROW(cli::Args::parse({"--count", "11"}, options).number("count", 10), cli::UsageError);
-    EXPECT_THROW(cli::parse_table("acl"), cli::UsageError);
+    const std::vector<std::vector<std::string>> unusable = {{"--nope"}, {"--count"}, {"--hw=1"}};
+    for (const auto &argv : unusable)
+        EXPECT_THROW(cli::Args::parse(argv, options), cli::UsageError) << argv[0];
+    // Refused with one message naming the option and what it accepts.
+    const std::pair<std::vector<std::string>, const char *> refused[] = {
+        {{"--count", "x"}, "--count 'x': give a whole number from 1 to 10"},
+        {{"--count", "-1"}, "--count '-1': give a whole number from 1 to 10"},
+        {{"--count", "0"}, "--count '0': give a whole number from 1 to 10"},
+        {{"--count", "11"}, "--count '11': give a whole number from 1 to 10"},
+        {{"--count", "1", "--count=2"}, "--count is given twice: give it once"},
+        {{"--kind", "big"}, "--kind 'big': give orvex or tcam3"},
+        {{"--route", ""}, "--route '': give a prefix"},
+        {{"--route", "x", "--hw"}, "--hw and --route exclude each other: give one of --hw or --route"},
+    };
+    for (const auto &[argv, message] : refused) {
+        try {
+            (void)cli::Args::parse(argv, options, exclusive);
+            ADD_FAILURE() << argv[0] << " accepted";
+        } catch (const cli::Refused &e) {
+            EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0u) << e.what();
+        }
+    }
+    EXPECT_THROW(cli::parse_table("acl"), cli::Refused);
 }
 
 TEST(Output, JsonEscapesAndKeepsOrderHexAcceptsSeparators)

@@ -1,6 +1,9 @@
 /*
- * The assertion report: pieces written to "/log/assert-backtrace", each with
- * its terminating zero byte, a size limit of 1 MiB, and execution that goes on.
+ * The assertion report: pieces written to the report file, each with its
+ * terminating zero byte, a size limit of 1 MiB, and execution that goes on.
+ * The file is "/log/assert-backtrace" on the card; here TCAMWRAP_ASSERT_FILE
+ * points it into the test's own directory and TCAMWRAP_SYSLOG_IDENT=none keeps
+ * the line out of the system log.
  *
  * The report is triggered through the restore callback, whose table checks are
  * assertions: a handle of a table without tcam_info (line 1483) and a table
@@ -8,10 +11,9 @@
  */
 #include "test_support.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -19,10 +21,9 @@
 namespace tw {
 namespace {
 
-const char *const kFile = "/log/assert-backtrace";
 const char *const kSource = "../platform/storage/linecard/common/uspace/lib/tcamwrap/tcamwrap_api";
 
-std::string read_file(const char *path)
+std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
@@ -30,34 +31,29 @@ std::string read_file(const char *path)
     return ss.str();
 }
 
-void write_file(const char *path, const std::string &content)
+void write_file(const std::string &path, const std::string &content)
 {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << content;
 }
 
-/* Keeps whatever report file the machine had and puts it back afterwards. */
 class AssertReport : public LibTest {
 protected:
     void SetUp() override
     {
         LibTest::SetUp();
-        struct stat sb;
-        if (stat("/log", &sb) != 0 && mkdir("/log", 0755) != 0)
-            GTEST_SKIP() << "cannot create /log (" << std::strerror(errno)
-                         << "): the assertion report has nowhere to go; run as root to test it";
-        int fd = open(kFile, O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (fd < 0)
-            GTEST_SKIP() << "cannot open " << kFile << " for appending (" << std::strerror(errno) << ")";
-        close(fd);
-        saved_ = read_file(kFile);
-        have_saved_ = true;
-        write_file(kFile, "");
+        char templ[] = "/tmp/tcamwrap-assert-XXXXXX";
+        ASSERT_NE(mkdtemp(templ), nullptr);
+        dir_ = templ;
+        file_ = dir_ + "/reports/assert-backtrace";
+        std::filesystem::create_directory(dir_ + "/reports");
+        setenv("TCAMWRAP_ASSERT_FILE", file_.c_str(), 1);
+        setenv("TCAMWRAP_SYSLOG_IDENT", "none", 1);
     }
     void TearDown() override
     {
-        if (have_saved_)
-            write_file(kFile, saved_);
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
         LibTest::TearDown();
     }
 
@@ -71,8 +67,7 @@ protected:
         return tcamwrap_cb_orvex_tcam_restore(&h, 1, w, w, 72, 0, 0, 0);
     }
 
-    std::string saved_;
-    bool have_saved_ = false;
+    std::string dir_, file_;
 };
 
 void expect_report(const std::string &report, const char *func, int line)
@@ -97,7 +92,14 @@ TEST_F(AssertReport, MissingTableIsReportedAndTheCallGoesOn)
     errno = 0;
     EXPECT_EQ(report_missing_table(), -1);
     EXPECT_EQ(errno, EINVAL);
-    expect_report(read_file(kFile), "tcamwrap_cb_orvex_tcam_restore", 1483);
+    const std::string first = read_file(file_);
+    expect_report(first, "tcamwrap_cb_orvex_tcam_restore", 1483);
+    /* The variable is read at every report. */
+    const std::string other = dir_ + "/other";
+    setenv("TCAMWRAP_ASSERT_FILE", other.c_str(), 1);
+    report_missing_table();
+    expect_report(read_file(other), "tcamwrap_cb_orvex_tcam_restore", 1483);
+    EXPECT_EQ(read_file(file_), first);
 }
 
 TEST_F(AssertReport, SizeLimitIsOneMebibyte)
@@ -109,9 +111,9 @@ TEST_F(AssertReport, SizeLimitIsOneMebibyte)
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << "file of " << c.size << " bytes");
         std::string filler(c.size, 'z');
-        write_file(kFile, filler);
+        write_file(file_, filler);
         report_missing_table();
-        std::string after = read_file(kFile);
+        std::string after = read_file(file_);
         if (c.written) {
             ASSERT_GT(after.size(), c.size);
             EXPECT_EQ(after.compare(0, c.size, filler), 0);
