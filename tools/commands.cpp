@@ -250,7 +250,7 @@ const char kSweepHelp[] =
     "model, the call in flight wholly before or after unit by unit, every key's\n"
     "hardware lookup, maps, store and hardware audited, the engine's self-check):\n"
     "  first crash     the client killed at point k: every k, or --sample N of them;\n"
-    "  second crash    for --second N first points [40], the restart killed at each\n"
+    "  second crash    for --second N first points [400], the restart killed at each\n"
     "                  of its own points, then a clean restart;\n"
     "  store failure   the n-th store write or delete fails with ENOSPC (every n, or\n"
     "                  --store-sample N) and with EIO (--eio-sample N [200]); the\n"

@@ -78,6 +78,8 @@ struct ClientReport {
     uint64_t counted[4];             // counting rules: points, PRE_MOVE, store calls, fwd writes
     uint64_t points_after[kMaxOps];  // counting run: points passed when call i returned
     OpOutcome outcome[kMaxOps];
+    uint32_t fault_call; // 1-based call in which the injected failure came; 0 none
+    int32_t fault_rc, fault_err;
     uint32_t lost;
     uint32_t torn; // tcam3 writes cut between result words and key
     uint32_t problems;
@@ -252,7 +254,12 @@ int client_workload(const CardRun &c, ClientReport *r, const std::string &rules,
         const Expect want = expected(op, units);
         int err = 0;
         const int rc = call_op(op, &err);
-        fired = fired || (fault != Fault::none && sim_fault_rule_seen(0) >= nth);
+        if (!fired && fault != Fault::none && sim_fault_rule_seen(0) >= nth) {
+            fired = true;
+            r->fault_call = static_cast<uint32_t>(i + 1);
+            r->fault_rc = rc;
+            r->fault_err = err;
+        }
         r->outcome[i].units = static_cast<uint8_t>(units.size());
         r->points_after[i] = sim_fault_rule_seen(0);
         if (rc == want.rc && (rc == 0 || err == want.err)) {
@@ -527,6 +534,10 @@ class JobRunner
         std::string text = "FAIL " + spec_text(s_, spec) + ": " + r_->kind + "\n";
         if (spec.kind == RunKind::crash || spec.kind == RunKind::crash2)
             text += "  " + crash_site(c, r_);
+        if (r_->fault_call != 0)
+            text += "  the injected failure came in " +
+                    call_text(r_->fault_call - 1, c.ops[r_->fault_call - 1]) + ", which " +
+                    result_text(r_->fault_rc, r_->fault_err) + "\n";
         text += r_->problem_text;
         if (r_->lost_text[0] != '\0')
             text += r_->lost_text;
@@ -933,7 +944,7 @@ int cmd_sweep(const Args &args)
     const std::string card = args.value("card").value_or("all");
     Sampling n;
     n.first = sample_option(args, "sample", kAll);
-    n.second = sample_option(args, "second", 40);
+    n.second = sample_option(args, "second", 400);
     n.store = sample_option(args, "store-sample", kAll);
     n.eio = sample_option(args, "eio-sample", 200);
     n.fwd = sample_option(args, "fwd-sample", kAll);
