@@ -92,6 +92,7 @@ struct ClientReport {
 struct RunResult {
     uint32_t runs, verified, failures, lost, torn;
     char kind[32];
+    char repro[256]; // of the first failing run
     char text[2048];
 };
 
@@ -528,8 +529,10 @@ class JobRunner
             append(out.text, "PASS " + spec_text(s_, spec) + "\n" + r_->lost_text);
         if (r_->problems == 0)
             return;
-        if (out.failures++ == 0)
+        if (out.failures++ == 0) {
             append(out.kind, r_->kind);
+            append(out.repro, repro(s_, spec));
+        }
         const CardRun &c = s_.cards[spec.card];
         std::string text = "FAIL " + spec_text(s_, spec) + ": " + r_->kind + "\n";
         if (spec.kind == RunKind::crash || spec.kind == RunKind::crash2)
@@ -845,6 +848,7 @@ Json json_report(const Report &r, bool timings)
                           .set("run", spec_text(r.s, r.s.specs[i]))
                           .set("class", res.kind)
                           .set("failing_runs", res.failures)
+                          .set("repro", res.repro)
                           .set("text", res.text));
     }
     j.set("failures", std::move(failures));
