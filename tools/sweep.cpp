@@ -76,7 +76,6 @@ struct OpOutcome {
 struct ClientReport {
     volatile uint32_t started, done; // calls
     uint64_t counted[4];             // counting rules: points, PRE_MOVE, store calls, fwd writes
-    uint64_t points_after[kMaxOps];  // counting run: points passed when call i returned
     OpOutcome outcome[kMaxOps];
     uint32_t fault_call; // 1-based call in which the injected failure came; 0 none
     int32_t fault_rc, fault_err;
@@ -103,7 +102,6 @@ struct CardRun {
     CardShape shape;
     std::vector<Op> ops;
     uint64_t points = 0, pre_moves = 0, store_calls = 0, fwd_writes = 0;
-    std::vector<uint64_t> points_after; // by call
 };
 
 struct Sweep {
@@ -262,7 +260,6 @@ int client_workload(const CardRun &c, ClientReport *r, const std::string &rules,
             r->fault_err = err;
         }
         r->outcome[i].units = static_cast<uint8_t>(units.size());
-        r->points_after[i] = sim_fault_rule_seen(0);
         if (rc == want.rc && (rc == 0 || err == want.err)) {
             for (std::size_t k = 0; k < want.done; ++k)
                 apply(m, units[k], units[k].after);
@@ -599,7 +596,6 @@ void count_points(CardRun &c, const std::string &dir, ClientReport *r)
     c.pre_moves = r->counted[1];
     c.store_calls = r->counted[2];
     c.fwd_writes = r->counted[3];
-    c.points_after.assign(r->points_after, r->points_after + c.ops.size());
 }
 
 // n points of 1..total, evenly spread (all of them when n is kAll or larger).

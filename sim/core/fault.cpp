@@ -230,12 +230,15 @@ int sim_fault_should_fail(const char *function)
     bump(s.calls, name);
     // Every platform call is a crash point at its entry, before it does anything.
     reach_point(s, function);
+    // Every matching rule counts this call, whichever of them fails it.
+    const Rule *failing = nullptr;
     for (Rule &r : s.config.rules)
-        if (!r.crash && r.names.matches(function) && ++r.seen == r.nth) {
-            errno = r.err;
-            return 1;
-        }
-    return 0;
+        if (!r.crash && r.names.matches(function) && ++r.seen == r.nth && failing == nullptr)
+            failing = &r;
+    if (failing == nullptr)
+        return 0;
+    errno = failing->err;
+    return 1;
 }
 
 void sim_fault_point(const char *point)
