@@ -91,7 +91,8 @@ struct ClientReport {
 struct RunResult {
     uint32_t runs, verified, failures, lost, torn;
     char kind[32];
-    char repro[256]; // of the first failing run
+    char repro[256];   // of the first failing run
+    char lost_one[320]; // the first loc lost by a call that reported its failure
     char text[2048];
 };
 
@@ -195,6 +196,7 @@ void call_went_wrong(ClientReport *r, std::size_t i, const Op &op, const std::ve
     const std::string what = call_text(i, op) + " " + result_text(rc, err);
     const std::string cause = fault == Fault::store ? "store call #" + std::to_string(nth)
                                                     : "forwarding write #" + std::to_string(nth);
+    bool reported = false; // the call failed as documented for the injected fault
     if (rc == 0)
         problem(r, "unexpected-success", what + ", the library must refuse it");
     else if (fault == Fault::none || !fired)
@@ -203,6 +205,8 @@ void call_went_wrong(ClientReport *r, std::size_t i, const Op &op, const std::ve
         problem(r, "errno", what + " after the failed " + cause + "; documented: -1 ENOSPC");
     else if (fault == Fault::fwd && err != EIO)
         problem(r, "errno", what + " after the failed " + cause + "; expected the driver's EIO");
+    else
+        reported = true;
     OpOutcome &o = r->outcome[i];
     o.failed = 1;
     for (std::size_t k = 0; k < units.size(); ++k) {
@@ -220,7 +224,9 @@ void call_went_wrong(ClientReport *r, std::size_t i, const Op &op, const std::ve
         const Held h = held_by(u, got);
         o.held[k] = h;
         apply(m, u, entry_of(got));
-        if (h == Held::nothing) {
+        if (h == Held::nothing && !reported) {
+            problem(r, "lost", loc + " holds nothing after " + what);
+        } else if (h == Held::nothing) {
             ++r->lost;
             append(r->lost_text, "  " + loc + " lost, reported: " + what + " after the failed " +
                                      cause + "\n");
@@ -522,6 +528,10 @@ class JobRunner
         out.verified += r_->verified;
         out.lost += r_->lost;
         out.torn += r_->torn;
+        if (r_->lost != 0 && out.lost_one[0] == '\0') {
+            const std::string first(r_->lost_text, std::strcspn(r_->lost_text, "\n"));
+            append(out.lost_one, first + " [" + repro(s_, spec) + "]");
+        }
         if (s_.specs.size() == 1 && r_->problems == 0 && r_->lost_text[0] != '\0')
             append(out.text, "PASS " + spec_text(s_, spec) + "\n" + r_->lost_text);
         if (r_->problems == 0)
@@ -784,6 +794,10 @@ std::string text_report(const Report &r, bool timings)
     appendf(out, "crash runs (first + second crashes + store failures): %llu\n",
             ull(r.crash_runs));
     appendf(out, "locs lost by a call that reported its failure: %llu\n", ull(r.all.lost));
+    std::size_t shown = 0;
+    for (const RunResult &res : r.results)
+        if (res.lost_one[0] != '\0' && shown++ < 5)
+            out += std::string(res.lost_one) + "\n";
     appendf(out, "tcam3 writes cut between result words and key (crash or failed key write): %llu\n",
             ull(r.all.torn));
     std::size_t listed = 0;
