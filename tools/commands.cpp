@@ -12,6 +12,7 @@
 #include "orvex_sim.h"
 #include "routes.hpp"
 #include "sim_hw.h"
+#include "sweep.hpp"
 #include "tcamwrap_api.h"
 
 namespace tcamwrap::cli
@@ -231,6 +232,44 @@ const char kDemoHelp[] =
     "  tcamwrap-sim demo --routes 20000 --acl 500 --seed 42\n"
     "  tcamwrap-sim demo --crash PRE_DEL:300 --json\n";
 
+const char kSweepHelp[] =
+    "Examples:\n"
+    "  tcamwrap-sim sweep --jobs 2\n"
+    "  tcamwrap-sim sweep --sample 200 --second 2 --store-sample 50 --fwd-sample 50\n"
+    "  tcamwrap-sim sweep --seed 1 --ops 300 --card orvex --point 1234\n"
+    "  tcamwrap-sim sweep --seed 1 --ops 300 --card orvex --store 374 --errno EIO\n"
+    "\n"
+    "Usage: tcamwrap-sim sweep [--seed S] [--ops N] [--card orvex|tcam3|all] [--jobs J]\n"
+    "                          [--sample N] [--second N] [--store-sample N]\n"
+    "                          [--eio-sample N] [--fwd-sample N] [--timings]\n"
+    "       tcamwrap-sim sweep --card C (--clean | --point P [--nth N] |\n"
+    "                          --store N [--errno ENOSPC|EIO] | --fwd N)\n"
+    "\n"
+    "A seeded workload of N public calls [300] (adds, overwrites with new keys and\n"
+    "priorities, deletes, result-word writes; 1..n entries; one instance or all) on\n"
+    "small fresh two-instance cards: 'orvex' (every table on the Orvex engine) and\n"
+    "'tcam3' (ACLO on a tcam3 TCAM). Every step that changes the card is a crash\n"
+    "point: the engine's callback steps, store writes and deletes, forwarding-driver\n"
+    "writes and deletes. Runs, each on a fresh card and verified by a new client\n"
+    "that restarts with restore (every loc of every table and instance against the\n"
+    "model, the call in flight wholly before or after unit by unit, every key's\n"
+    "hardware lookup, maps, store and hardware audited, the engine's self-check):\n"
+    "  first crash     the client killed at point k: every k, or --sample N of them;\n"
+    "  second crash    for --second N first points [400], the restart killed at each\n"
+    "                  of its own points, then a clean restart;\n"
+    "  store failure   the n-th store write or delete fails with ENOSPC (every n, or\n"
+    "                  --store-sample N) and with EIO (--eio-sample N [200]); the\n"
+    "                  call must fail with -1 ENOSPC, its locs keep their old or new\n"
+    "                  state or are lost (reported), nothing else changes;\n"
+    "  fwd failure     the n-th forwarding-driver write fails once with EIO (every n,\n"
+    "                  or --fwd-sample N).\n"
+    "A sample N is spread evenly; 'all' takes every point, 0 none. A tcam3 write\n"
+    "cut between its result words and its key (the driver's order) counts as in\n"
+    "flight. --jobs J runs J at once [1]. Prints the\n"
+    "points, runs, verified runs, failures and time, and for each failure its class,\n"
+    "locs and one command line that repeats that run; exit 1 on any failure.\n"
+    "--json: a stable report (times only with --timings).\n";
+
 } // namespace
 
 const std::vector<Command> &commands()
@@ -337,6 +376,13 @@ const std::vector<Command> &commands()
          {},
          CardUse::Fresh,
          cmd_demo},
+        {"sweep",
+         "crash and fault sweep: every crash point, every failing store and driver write",
+         kSweepHelp,
+         sweep_options(),
+         sweep_exclusive(),
+         CardUse::Fresh,
+         cmd_sweep},
     };
     return list;
 }

@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include "audit.hpp"
+#include "card_model.hpp"
 #include "commands.hpp"
 #include "orvex_sim.h"
 #include "profile.hpp"
@@ -39,25 +40,6 @@ constexpr uint32_t kDemoInsts = 2;
 constexpr int kCrashExit = 137;   // how the fault injector ends a process
 constexpr int kStormFinished = 3; // the storm ran out before the crash point
 constexpr uint32_t kListedErrors = 10;
-constexpr uint32_t kTables[] = {TCAMWRAP_TBL_FIB, TCAMWRAP_TBL_ACLI, TCAMWRAP_TBL_ACLO};
-
-// What one loc of one table holds (on every instance, outside the crash).
-struct Entry {
-    bool used = false;
-    uint8_t acl_prio = 1;
-    uint16_t prio = 0;
-    std::array<uint8_t, TCAMWRAP_ACL_KEY_BYTES> key{};
-    ResultWord result{};
-};
-
-using TableModel = std::vector<Entry>; // by loc
-
-struct Model {
-    TableModel tables[4]; // by tbl_type
-    TableModel &operator[](uint32_t tbl) { return tables[tbl]; }
-    const TableModel &operator[](uint32_t tbl) const { return tables[tbl]; }
-};
-
 struct LocWrite {
     uint32_t tbl_type;
     uint32_t loc;
@@ -117,48 +99,6 @@ struct Shared {
 };
 
 
-uint32_t key_bytes(uint32_t tbl)
-{
-    return tbl == TCAMWRAP_TBL_FIB ? 18u : 36u;
-}
-
-Entry fib_entry(const Route &r)
-{
-    Entry e;
-    e.used = true;
-    const FibKey k = fib_key(r.net, r.len);
-    std::copy(k.begin(), k.end(), e.key.begin());
-    e.prio = fib_priority(r.len);
-    e.result = next_hop_result(r.next_hop);
-    return e;
-}
-
-Entry acl_entry(const AclRule &r)
-{
-    Entry e;
-    e.used = true;
-    const AclKey k = acl_key(r);
-    std::copy(k.begin(), k.end(), e.key.begin());
-    e.prio = r.prio;
-    e.acl_prio = r.acl_prio;
-    e.result = acl_result(r);
-    return e;
-}
-
-EntrySpec spec_of(uint32_t tbl, const Entry &e)
-{
-    return {{e.key.begin(), e.key.begin() + key_bytes(tbl)}, e.prio, e.result, e.acl_prio};
-}
-
-std::vector<EntrySpec> specs_of(uint32_t tbl, const std::vector<Entry> &entries)
-{
-    std::vector<EntrySpec> out;
-    out.reserve(entries.size());
-    for (const Entry &e : entries)
-        out.push_back(spec_of(tbl, e));
-    return out;
-}
-
 tbl_params one_entry(uint8_t inst, uint32_t tbl, uint32_t loc)
 {
     tbl_params p{};
@@ -167,15 +107,6 @@ tbl_params one_entry(uint8_t inst, uint32_t tbl, uint32_t loc)
     p.num_entries = 1;
     p.start_addr = loc;
     return p;
-}
-
-std::vector<uint32_t> used_locs(const TableModel &t)
-{
-    std::vector<uint32_t> out;
-    for (uint32_t loc = 0; loc < t.size(); ++loc)
-        if (t[loc].used)
-            out.push_back(loc);
-    return out;
 }
 
 // ---- planning (parent) ------------------------------------------------------
@@ -199,7 +130,7 @@ Plan make_plan(uint64_t seed, const DemoSizes &sz)
         plan.load[TCAMWRAP_TBL_ACLO].push_back(acl_entry(r));
 
     Model &m = plan.after_program;
-    for (uint32_t tbl : kTables) {
+    for (uint32_t tbl : kTableTypes) {
         m[tbl].assign(sz.size[tbl], Entry{});
         for (std::size_t i = 0; i < plan.load[tbl].size(); ++i)
             m[tbl][spread_loc(i, sz.size[tbl], 0)] = plan.load[tbl][i];
@@ -248,7 +179,7 @@ Plan make_plan(uint64_t seed, const DemoSizes &sz)
     // The storm: overwrites of programmed locs, mostly routes moving to new
     // prefixes, some ACL rules replaced.
     std::vector<uint32_t> live[4];
-    for (uint32_t tbl : kTables)
+    for (uint32_t tbl : kTableTypes)
         live[tbl] = used_locs(m[tbl]);
     for (uint32_t i = 0; i < sz.storm; ++i) {
         const uint64_t dice = rng() % 20;
@@ -311,7 +242,7 @@ int program_card(const Plan &plan, Shared *shm)
         throw Failure("client 1 expected a fresh start");
     const uint64_t stores0 = sim_calls_get("kvs_store");
     uint64_t total = 0;
-    for (uint32_t tbl : kTables)
+    for (uint32_t tbl : kTableTypes)
         total += plan.load[tbl].size();
     auto t = std::chrono::steady_clock::now();
     {
@@ -382,130 +313,45 @@ int overwrite_storm(const Plan &plan, Shared *shm)
     return kStormFinished;
 }
 
-bool same_entry(uint32_t tbl, const Entry &want, const EntryView &got)
-{
-    if (want.used != got.used)
-        return false;
-    if (!want.used)
-        return true;
-    return std::equal(got.key.begin(), got.key.end(), want.key.begin()) && got.prio == want.prio &&
-           got.result == want.result && (tbl != TCAMWRAP_TBL_ACLI || got.acl_prio == want.acl_prio);
-}
-
-std::string entry_brief(uint32_t tbl, const Entry &e)
-{
-    if (!e.used)
-        return "unused";
-    return describe_key(tbl, e.key.data()) + " prio " + std::to_string(e.prio) + " -> " +
-           describe_result(tbl, e.result.data());
-}
-
-// What differs between the model's entry and the one read back.
-std::string mismatch_text(uint32_t tbl, const Entry &want, const EntryView &got)
-{
-    if (!got.used || !want.used)
-        return "holds " + (got.used ? describe_key(tbl, got.key.data()) : std::string("nothing")) +
-               ", expected " + entry_brief(tbl, want);
-    const bool same_key =
-        std::equal(got.key.begin(), got.key.end(), want.key.begin()) && got.prio == want.prio;
-    if (!same_key)
-        return "holds " + describe_key(tbl, got.key.data()) + " prio " + std::to_string(got.prio) +
-               ", expected " + entry_brief(tbl, want);
-    std::string text = "key right, result " + describe_result(tbl, got.result.data()) +
-                       ", expected " + describe_result(tbl, want.result.data());
-    if (tbl == TCAMWRAP_TBL_ACLI)
-        text += " (ACL-priority " + std::to_string(got.acl_prio) + ", expected " +
-                std::to_string(want.acl_prio) + ")";
-    return text;
-}
-
 struct Inflight {
     bool present = false;
     LocWrite write; // the new entry
     Entry old;
 };
 
-void verify_locs(const Model &model, const Inflight &inflight, Shared *shm, Model per_inst[])
+// Every loc against the model, then every route's lookup, through the verifier
+// the sweep uses too.
+void verify_card(const Model &model, const Inflight &inflight, Shared *shm)
 {
-    for (uint8_t inst = 0; inst < kDemoInsts; ++inst) {
-        per_inst[inst] = model;
+    const CardModel card(kDemoInsts, model);
+    std::vector<Unit> units;
+    if (inflight.present)
+        for (uint8_t inst = 0; inst < kDemoInsts; ++inst)
+            units.push_back({inst, inflight.write.tbl_type, inflight.write.loc, inflight.old,
+                             inflight.write.entry});
+    const std::vector<uint32_t> tables(std::begin(kTableTypes), std::end(kTableTypes));
+    Verification v;
+    CardModel found;
+    auto t = std::chrono::steady_clock::now();
+    verify_locs(card, units, tables, v, found);
+    shm->t_verify_locs = seconds_since(t);
+    t = std::chrono::steady_clock::now();
+    verify_lookups(found, {TCAMWRAP_TBL_FIB}, v);
+    shm->t_verify_lookups = seconds_since(t);
+    shm->locs_checked = v.locs_checked;
+    shm->loc_errors = v.loc_errors;
+    shm->lookups_checked = v.lookups_checked;
+    shm->lookup_errors = v.lookup_errors;
+    for (uint8_t inst = 0; inst < kDemoInsts; ++inst)
         shm->inflight_variant[inst] = -1;
-        for (uint32_t tbl : kTables) {
-            const TableModel &t = model[tbl];
-            for (uint32_t loc = 0; loc < t.size(); ++loc) {
-                const EntryView got = read_entry(inst, tbl, loc);
-                ++shm->locs_checked;
-                if (inflight.present && inflight.write.tbl_type == tbl &&
-                    inflight.write.loc == loc) {
-                    const bool is_old = same_entry(tbl, inflight.old, got);
-                    const bool is_new = same_entry(tbl, inflight.write.entry, got);
-                    shm->inflight_variant[inst] = is_new ? 1 : is_old ? 0 : 2;
-                    if (is_new)
-                        per_inst[inst][tbl][loc] = inflight.write.entry;
-                    if (is_old || is_new)
-                        continue;
-                } else if (same_entry(tbl, t[loc], got)) {
-                    continue;
-                }
-                ++shm->loc_errors;
-                if (shm->errors_listed++ < kListedErrors)
-                    shm->errors.append("%s inst %u loc 0x%x: %s\n", table_name(tbl), inst, loc,
-                                       mismatch_text(tbl, t[loc], got).c_str());
-            }
-        }
+    for (std::size_t i = 0; i < units.size(); ++i) {
+        const Held h = v.inflight_held[i];
+        shm->inflight_variant[units[i].inst] =
+            h == Held::after ? 1 : h == Held::before || h == Held::unchanged ? 0 : 2;
     }
-    // An entry goes to instance 0 before instance 1.
-    if (shm->inflight_variant[0] == 0 && shm->inflight_variant[1] == 1) {
-        ++shm->loc_errors;
+    for (const Problem &p : v.problems)
         if (shm->errors_listed++ < kListedErrors)
-            shm->errors.append(
-                "the in-flight loc holds the new entry on instance 1 but the old one "
-                "on instance 0\n");
-    }
-}
-
-void verify_lookups(const Model per_inst[], Shared *shm)
-{
-    for (uint8_t inst = 0; inst < kDemoInsts; ++inst) {
-        const TableModel &fib = per_inst[inst][TCAMWRAP_TBL_FIB];
-        LpmTable lpm;
-        std::vector<std::pair<Route, uint32_t>> routes;
-        for (uint32_t loc = 0; loc < fib.size(); ++loc) {
-            if (!fib[loc].used)
-                continue;
-            const auto r = fib_key_route(fib[loc].key.data());
-            if (!r)
-                continue;
-            lpm.add(r->net, r->len, loc);
-            routes.emplace_back(*r, loc);
-        }
-        const tcam_info *info = managed_table(inst, TCAMWRAP_TBL_FIB);
-        for (const auto &[route, loc] : routes) {
-            ++shm->lookups_checked;
-            const uint32_t want_loc = *lpm.lookup(route.net);
-            const ResultWord &want = fib[want_loc].result;
-            const FibSearch search = fib_search(route.net);
-            uint32_t sloc = 0;
-            ResultWord got{};
-            const int rc =
-                sim_hw_lookup_result(inst, TCAMWRAP_TBL_FIB, search.data(), &sloc, got.data());
-            const uint32_t got_loc = rc == 1 && info != nullptr && sloc < info->lmt_sz
-                                         ? info->rlmt[sloc]
-                                         : TCAMWRAP_INVALID_LOC;
-            if (rc == 1 && got == want && got_loc == want_loc)
-                continue;
-            ++shm->lookup_errors;
-            if (shm->errors_listed++ < kListedErrors)
-                shm->errors.append("fib inst %u lookup %s: %s, expected loc 0x%x %s\n", inst,
-                                   ipv4_text(route.net).c_str(),
-                                   rc == 1 ? ("loc " + hexnum(got_loc) + " " +
-                                              describe_result(TCAMWRAP_TBL_FIB, got.data()))
-                                                 .c_str()
-                                           : "no match",
-                                   want_loc,
-                                   describe_result(TCAMWRAP_TBL_FIB, want.data()).c_str());
-        }
-    }
+            shm->errors.append("%s\n", p.text.c_str());
 }
 
 int restart_and_verify(const Model &model, const Inflight &inflight, Shared *shm)
@@ -525,16 +371,10 @@ int restart_and_verify(const Model &model, const Inflight &inflight, Shared *shm
     for (const std::string &line : r.lines)
         shm->repair_lines.append("%s\n", line.c_str());
 
-    auto t = std::chrono::steady_clock::now();
-    static Model per_inst[kDemoInsts];
-    verify_locs(model, inflight, shm, per_inst);
-    shm->t_verify_locs = seconds_since(t);
-    t = std::chrono::steady_clock::now();
-    verify_lookups(per_inst, shm);
-    shm->t_verify_lookups = seconds_since(t);
+    verify_card(model, inflight, shm);
 
     for (uint8_t inst = 0; inst < kDemoInsts; ++inst)
-        for (uint32_t tbl : kTables) {
+        for (uint32_t tbl : kTableTypes) {
             char why[256] = "";
             ++shm->selfchecks;
             if (orvex_sim_check(inst, tbl, why, sizeof why) != 0) {
@@ -621,7 +461,7 @@ DemoSizes card_sizes(const Args &args)
     if (profile.insts != kDemoInsts)
         throw Refused("the demo needs a card with two instances (" SIM_PROFILE_ENV " has " +
                       std::to_string(profile.insts) + ")");
-    for (uint32_t tbl : kTables) {
+    for (uint32_t tbl : kTableTypes) {
         const int t = sim::table_index(tbl);
         if (profile.kind[t] != SIM_KIND_ORVEX)
             throw Refused(std::string("the demo needs every table on an Orvex TCAM; ") +
@@ -643,7 +483,7 @@ DemoSizes card_sizes(const Args &args)
 void create_card(const DemoSizes &sz)
 {
     open_card();
-    for (uint32_t tbl : kTables)
+    for (uint32_t tbl : kTableTypes)
         if (table_size(tbl) != sz.size[tbl])
             throw Failure("the card in " + state_dir() + " is not the one " SIM_PROFILE_ENV
                           " describes");
@@ -831,7 +671,7 @@ Json json_report(const DemoResult &r)
     j.set("seed", r.seed).set("state_dir", state_dir());
     Json card = Json::object().set("instances", kDemoInsts);
     Json per_table = Json::object();
-    for (uint32_t tbl : kTables) {
+    for (uint32_t tbl : kTableTypes) {
         card.set(table_name(tbl), r.sz.size[tbl]);
         per_table.set(table_name(tbl), r.entries[tbl]);
     }
@@ -1012,7 +852,7 @@ int cmd_demo(const Args &args)
                  ok,
                  problems,
                  {}};
-    for (uint32_t tbl : kTables)
+    for (uint32_t tbl : kTableTypes)
         r.entries[tbl] = used_locs(model[tbl]).size();
     emit(args, json_report(r), text_report(r));
     ::munmap(shm, sizeof(Shared));

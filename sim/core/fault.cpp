@@ -1,11 +1,13 @@
 // fault.cpp - fault injection (sim_fault.h) and the platform-call counters
-// (sim_card.h). Both count calls by name; the fault counters restart with every
-// new configuration, the call counters only with sim_calls_reset().
+// (sim_card.h). Each rule counts the calls or points its name set matches; the
+// rule counters restart with every new configuration, the call counters only
+// with sim_calls_reset().
 #include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fnmatch.h>
 #include <map>
 #include <mutex>
 #include <string>
@@ -21,20 +23,32 @@ namespace {
 
 constexpr const char *kFaultEnv = "TCAMWRAP_SIM_FAULT";
 
-struct FailRule {
-    std::string function;
-    uint64_t nth;
-    int err;
+// The names a rule counts: '+'-separated patterns, each a glob (fnmatch) over
+// the full name or a group name ("camindex" matches "camindex.PRE_ADD").
+struct NameSet {
+    std::vector<std::string> patterns;
+
+    bool matches(const char *name) const
+    {
+        const std::string_view full(name);
+        const std::string_view group = full.substr(0, full.find('.'));
+        for (const std::string &p : patterns)
+            if (p == group || ::fnmatch(p.c_str(), name, 0) == 0)
+                return true;
+        return false;
+    }
 };
 
-struct CrashRule {
-    std::string point;
+struct Rule {
+    bool crash;  // else fail
+    NameSet names;
     uint64_t nth;
+    int err;  // fail rules
+    uint64_t seen = 0;
 };
 
 struct Config {
-    std::vector<FailRule> fails;
-    std::vector<CrashRule> crashes;
+    std::vector<Rule> rules;  // in the order given
 };
 
 using Counters = std::map<std::string, uint64_t, std::less<>>;
@@ -43,9 +57,7 @@ struct FaultState {
     std::mutex mu;
     bool loaded = false;
     Config config;
-    Counters function_count;  // since the configuration
-    Counters point_count;     // since the configuration
-    Counters calls;           // since sim_calls_reset()
+    Counters calls;  // since sim_calls_reset()
 };
 
 FaultState &state()
@@ -109,6 +121,16 @@ std::string_view trim(std::string_view s)
     return s;
 }
 
+bool parse_names(std::string_view text, NameSet &out)
+{
+    for (std::string_view p : split(text, '+')) {
+        if (p.empty())
+            return false;
+        out.patterns.emplace_back(p);
+    }
+    return true;
+}
+
 // Parses one rule into cfg; false when it is malformed.
 bool parse_rule(std::string_view rule, Config &cfg)
 {
@@ -120,15 +142,18 @@ bool parse_rule(std::string_view rule, Config &cfg)
     uint64_t nth = 0;
     if (kind == "fail" && fields.size() == 3) {
         int err = 0;
-        if (fields[0].empty() || !parse_u64(fields[1], nth) || nth == 0 || !parse_errno(fields[2], err))
+        NameSet names;
+        if (!parse_names(fields[0], names) || !parse_u64(fields[1], nth) || nth == 0 ||
+            !parse_errno(fields[2], err))
             return false;
-        cfg.fails.push_back({std::string(fields[0]), nth, err});
+        cfg.rules.push_back({false, std::move(names), nth, err});
         return true;
     }
     if (kind == "crash" && fields.size() == 2) {
-        if (fields[0].empty() || !parse_u64(fields[1], nth) || nth == 0)
+        NameSet names;
+        if (!parse_names(fields[0], names) || !parse_u64(fields[1], nth) || nth == 0)
             return false;
-        cfg.crashes.push_back({std::string(fields[0]), nth});
+        cfg.rules.push_back({true, std::move(names), nth, 0});
         return true;
     }
     return false;
@@ -149,8 +174,6 @@ bool parse_config(std::string_view text, Config &out)
 void install(FaultState &s, Config cfg)
 {
     s.config = std::move(cfg);
-    s.function_count.clear();
-    s.point_count.clear();
     s.loaded = true;
 }
 
@@ -180,6 +203,15 @@ void load_from_env_once(FaultState &s)
     ::_exit(137);
 }
 
+// Counts a crash point against every crash rule; ends the process on the
+// counted one.
+void reach_point(FaultState &s, const char *point)
+{
+    for (Rule &r : s.config.rules)
+        if (r.crash && r.names.matches(point) && ++r.seen == r.nth)
+            crash(point, r.nth);
+}
+
 }  // namespace
 }  // namespace tcamwrap::sim
 
@@ -196,13 +228,17 @@ int sim_fault_should_fail(const char *function)
     load_from_env_once(s);
     std::string_view name(function);
     bump(s.calls, name);
-    uint64_t n = bump(s.function_count, name);
-    for (const FailRule &r : s.config.fails)
-        if (r.nth == n && r.function == name) {
-            errno = r.err;
-            return 1;
-        }
-    return 0;
+    // Every platform call is a crash point at its entry, before it does anything.
+    reach_point(s, function);
+    // Every matching rule counts this call, whichever of them fails it.
+    const Rule *failing = nullptr;
+    for (Rule &r : s.config.rules)
+        if (!r.crash && r.names.matches(function) && ++r.seen == r.nth && failing == nullptr)
+            failing = &r;
+    if (failing == nullptr)
+        return 0;
+    errno = failing->err;
+    return 1;
 }
 
 void sim_fault_point(const char *point)
@@ -212,17 +248,7 @@ void sim_fault_point(const char *point)
     FaultState &s = state();
     std::lock_guard lock(s.mu);
     load_from_env_once(s);
-    // "camindex.PRE_ADD" also counts as "camindex".
-    std::string_view full(point);
-    std::string_view group = full.substr(0, full.find('.'));
-    uint64_t n_full = bump(s.point_count, full);
-    uint64_t n_group = group.size() != full.size() ? bump(s.point_count, group) : n_full;
-    for (const CrashRule &r : s.config.crashes) {
-        if (r.point == full && r.nth == n_full)
-            crash(full, n_full);
-        if (r.point == group && group.size() != full.size() && r.nth == n_group)
-            crash(full, n_group);
-    }
+    reach_point(s, point);
 }
 
 int sim_fault_set(const char *config)
@@ -234,6 +260,14 @@ int sim_fault_set(const char *config)
     std::lock_guard lock(s.mu);
     install(s, std::move(cfg));
     return 0;
+}
+
+uint64_t sim_fault_rule_seen(unsigned rule)
+{
+    FaultState &s = state();
+    std::lock_guard lock(s.mu);
+    load_from_env_once(s);
+    return rule < s.config.rules.size() ? s.config.rules[rule].seen : 0;
 }
 
 uint64_t sim_calls_get(const char *function)

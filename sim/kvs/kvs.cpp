@@ -249,7 +249,6 @@ extern "C" {
 
 int kvs_store(uint32_t handle, uint32_t mode, kvs_buf *key, kvs_buf *value)
 {
-    sim_fault_point("kvs_store");
     if (sim_fault_should_fail("kvs_store"))
         return errno;
     // Mode 1 writes the record or replaces the one with the same key; the store
@@ -265,7 +264,6 @@ int kvs_store(uint32_t handle, uint32_t mode, kvs_buf *key, kvs_buf *value)
 
 int kvs_delete(uint32_t handle, kvs_buf *key)
 {
-    sim_fault_point("kvs_delete");
     if (sim_fault_should_fail("kvs_delete"))
         return errno;
     if (!valid_buf(key))

@@ -37,6 +37,7 @@ TEST(SimFault, FailsTheNthCallWithItsErrno)
         {"fail=kvs_store:1:28", "kvs_store", {ENOSPC, 0}},
         {"fail=a:2:EBUSY, fail=a:4:ENOMEM", "a", {0, EBUSY, 0, ENOMEM, 0}},
         {"fail=a:2:EBUSY,fail=b:1:EIO", "a", {0, EBUSY, 0}},
+        {"fail=x+fwd_*_write:2:EIO", "fwd_acl_prio_write", {0, EIO, 0}},
         {"", "a", {0, 0}},
     };
     for (const auto &c : cases) {
@@ -75,6 +76,8 @@ TEST(SimFault, CrashPointsEndTheProcessAtTheCountedPoint)
         {"crash=camindex.PRE_ADD:1", 0},
         {"crash=camindex.PRE_ADD:2", 3},
         {"crash=camindex:3", 3},  // any camindex point counts
+        {"crash=kvs_*+camindex.PRE_MOVE:3", 5},  // one count over a set of points
+        {"crash=*:7", 6},
         {"crash=kvs_store:2", 5},
         {"crash=kvs_delete:1", 6},
         {"crash=kvs_delete:2", -1},
@@ -96,6 +99,10 @@ TEST(SimFault, CrashPointsEndTheProcessAtTheCountedPoint)
     ProgramRun calls = run_program(SIM_FAULT_CHILD, {"calls", "fwd_tcam_read", "3"}, "fail=fwd_tcam_read:2:5");
     EXPECT_TRUE(exited_with(calls.status, 0)) << calls.status;
     EXPECT_EQ(calls.out, "0 5 0\n");
+    // Every platform call is a crash point at its entry.
+    calls = run_program(SIM_FAULT_CHILD, {"calls", "fwd_tcam_read", "3"}, "crash=fwd_tcam_*:2");
+    EXPECT_TRUE(killed(calls.status)) << calls.status;
+    EXPECT_EQ(calls.out, "0");
 }
 
 TEST(SimFault, CallCountersCountEveryPlatformCallByName)
