@@ -41,6 +41,20 @@ int tcamwrap_refuse(const char *func, const char *text)
     return -1;
 }
 
+/* An Orvex table the library does not manage on inst (not named at start-up,
+ * or an instance the card does not have) has no map: its locs are not physical
+ * places, so a write or delete there would hit whatever entry the engine keeps
+ * at that place. Refused with EINVAL. */
+int tcamwrap_refuse_unmanaged(const char *func, uint8_t inst, uint32_t tbl_type)
+{
+    if (tcamwrap_tcam_info(inst, tbl_type) != nullptr)
+        return 0;
+    TCAMWRAP_TRACE_AS(func, 3, "*** inst %d tbl_type %d is not managed by tcamwrap library ***\n",
+                      inst, tbl_type);
+    errno = EINVAL;
+    return -1;
+}
+
 /* Result of a forwarding driver call: 0, or its result with its errno after the
  * failure trace "*** <driver>() failed: <error> ***". */
 int tcamwrap_driver_result(const char *func, const char *driver, int rc)
@@ -356,6 +370,8 @@ extern "C" int tcamwrap_fwd_ssram_write(tbl_params *params, uint8_t *ssram)
         const uint32_t loc = params->start_addr + i;
         for (uint8_t inst = lo; inst < hi; inst++) {
             copy.inst = inst;
+            if (tcamwrap_refuse_unmanaged(__func__, inst, params->tbl_type) != 0)
+                return -1;
             const uint32_t sloc = (uint32_t)tcamwrap_lmt_get_sloc(inst, params->tbl_type, loc);
             if (sloc == TCAMWRAP_INVALID_LOC) {
                 TCAMWRAP_TRACE(3, "*** inst %d could not find sloc for loc: 0x%x ***\n", inst, loc);
@@ -395,6 +411,8 @@ extern "C" int tcamwrap_fwd_tcam_delete(tbl_params *params)
         const uint32_t loc = params->start_addr + i;
         for (uint8_t inst = lo; inst < hi; inst++) {
             copy.inst = inst;
+            if (tcamwrap_refuse_unmanaged(__func__, inst, params->tbl_type) != 0)
+                return -1;
             uint32_t sloc = (uint32_t)tcamwrap_lmt_get_sloc(inst, params->tbl_type, loc);
             if (sloc == TCAMWRAP_INVALID_LOC) {
                 TCAMWRAP_TRACE(4, "*** inst %d delete could not find sloc for loc: 0x%x. ignored.. ***\n",

@@ -167,6 +167,14 @@ int tcamwrap_lmt_post_del_overwrite(tcam_info *info, uint8_t inst, uint32_t tbl_
     const int rc = tcamwrap_ha_overwrite_restore(inst, tbl_type, record);
     if (rc != 0)
         return rc;
+    /* A store that cannot give the record back must not unmap the loc: the
+     * record is the one this overwrite's PRE_ADD stored. */
+    if (record[TCAMWRAP_OW_LOC] == TCAMWRAP_INVALID_LOC &&
+        tcamwrap_journal_inflight(inst, tbl_type, record))
+        TCAMWRAP_TRACE_AS("tcamwrap_lmt_post_del", 3,
+                          "*** overwrite info <%d %d> could not be read back; the record stored "
+                          "for loc 0x%x is used ***\n",
+                          inst, tbl_type, record[TCAMWRAP_OW_LOC]);
     const uint32_t new_sloc = record[TCAMWRAP_OW_NEW_SLOC];
     TCAMWRAP_TRACE_AS("tcamwrap_lmt_post_del", 7,
                       "POST_DEL: LMT<%d %d>: moving from loc 0x%x --> sloc 0x%x to loc 0x%x --> "

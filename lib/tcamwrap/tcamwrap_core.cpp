@@ -403,6 +403,12 @@ int tcamwrap_alloc_tables(const int32_t *tbl_types, uint32_t num_tcams)
                               "Orvex TCAM is not present. Skipping remaining initialization ..\n");
             continue;
         }
+        /* A type named twice gets its tables once (a second set would drop the
+         * first without freeing it). */
+        if (tcamwrap_gl_db.tcam_info[0][type] != nullptr) {
+            TCAMWRAP_TRACE_AS("tcamwrap_init", 6, "tbl_type %d is named twice; set up once\n", type);
+            continue;
+        }
         for (uint32_t inst = 0; inst < tcamwrap_gl_db.num_insts; inst++) {
             /* Zeroed, so a record whose maps never got allocated reads as an
              * empty table rather than as garbage pointers. */

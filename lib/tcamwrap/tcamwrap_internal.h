@@ -167,6 +167,8 @@ int tcamwrap_kvs_flush_pending(uint8_t inst, uint32_t tbl_type);
 bool tcamwrap_segment_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc);
 void tcamwrap_segment_mark_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc, bool pending);
 void tcamwrap_journal_mark_pending(uint8_t inst, uint32_t tbl_type);
+/* The overwrite record stored by the table's last PRE_ADD, until its delete. */
+bool tcamwrap_journal_inflight(uint8_t inst, uint32_t tbl_type, uint32_t *record);
 
 /* The overwrite record's words. */
 enum { TCAMWRAP_OW_LOC = 0, TCAMWRAP_OW_OLD_SLOC = 1, TCAMWRAP_OW_NEW_SLOC = 2 };

@@ -23,6 +23,12 @@ struct tcamwrap_pending_t {
     std::bitset<256> segs;
     bool journal = false;
     bool any() const { return journal || segs.any(); }
+    /* The overwrite in flight as its PRE_ADD stored it, for its POST_DEL when
+     * the store cannot give the record back. */
+    uint32_t inflight[3] = {TCAMWRAP_INVALID_LOC, TCAMWRAP_INVALID_LOC, TCAMWRAP_INVALID_LOC};
+    /* A read of the table's records ended on a store error: the restored map
+     * may be missing locs, so no hardware entry may be judged an orphan. */
+    bool unread = false;
 };
 tcamwrap_pending_t tcamwrap_pending[TCAMWRAP_MAX_INSTS][4];
 
@@ -88,9 +94,16 @@ template <typename Found, typename Take>
 void tcamwrap_kvs_walk_table(const char *func, uint8_t type, uint8_t inst, uint32_t tbl_type,
                              Found found, Take take)
 {
+    tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
+    auto read_failed = [pending] {
+        if (pending != nullptr)
+            pending->unread = true;
+    };
     int err = 0;
     kvs_buf *key = tcamwrap_kvs_build_key(type, inst, tbl_type, 0);
     kvs_buf *cursor = kvs_move2key(tcamwrap_gl_db.kvs_handle, key, &err);
+    if (cursor == nullptr && err != 0)
+        read_failed();
     err = 0;
     while (cursor != nullptr) {
         if (!tcamwrap_kvs_record_is(cursor, type, inst, tbl_type))
@@ -100,12 +113,15 @@ void tcamwrap_kvs_walk_table(const char *func, uint8_t type, uint8_t inst, uint3
         const kvs_buf *value = kvs_getvalue(tcamwrap_gl_db.kvs_handle, &err);
         if (err != 0 || value == nullptr) {
             TCAMWRAP_TRACE_AS(func, 3, "*** kvs_getvalue() failed: %s ***\n", errcode2str(err));
+            read_failed();
             return;
         }
         take(last, *value);
         cursor = kvs_move2location(tcamwrap_gl_db.kvs_handle, KVS_MOVE_NEXT, &err);
-        if (err != 0)
+        if (err != 0) {
+            read_failed();
             return;
+        }
     }
 }
 
@@ -228,6 +244,15 @@ void tcamwrap_journal_mark_pending(uint8_t inst, uint32_t tbl_type)
         p->journal = true;
 }
 
+bool tcamwrap_journal_inflight(uint8_t inst, uint32_t tbl_type, uint32_t *record)
+{
+    const tcamwrap_pending_t *p = tcamwrap_pending_of(inst, tbl_type);
+    if (p == nullptr || p->inflight[TCAMWRAP_OW_LOC] == TCAMWRAP_INVALID_LOC)
+        return false;
+    std::memcpy(record, p->inflight, sizeof(p->inflight));
+    return true;
+}
+
 int tcamwrap_kvs_flush_pending(uint8_t inst, uint32_t tbl_type)
 {
     tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
@@ -287,8 +312,10 @@ int tcamwrap_kvs_store_ha_overwrite(uint8_t inst, uint32_t tbl_type, uint32_t lo
     const int rc = kvs_store(tcamwrap_gl_db.kvs_handle, TCAMWRAP_KVS_MODE, key, &value);
     if (rc == 0) {
         /* The live record replaced any stale one. */
-        if (tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type))
+        if (tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type)) {
             pending->journal = false;
+            std::memcpy(pending->inflight, record, sizeof(record));
+        }
         return 0;
     }
     TCAMWRAP_TRACE(3,
@@ -304,8 +331,11 @@ int tcamwrap_kvs_delete_ha_overwrite(uint8_t inst, uint32_t tbl_type)
     kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_OVERWRITE, inst, tbl_type, 0);
     TCAMWRAP_TRACE(7, "deleting overwrite info <%d, %d>\n", inst, tbl_type);
     const int rc = kvs_delete(tcamwrap_gl_db.kvs_handle, key);
-    if (tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type))
+    if (tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type)) {
         pending->journal = rc != 0;
+        if (rc == 0)
+            pending->inflight[TCAMWRAP_OW_LOC] = TCAMWRAP_INVALID_LOC;
+    }
     if (rc == 0)
         return 0;
     TCAMWRAP_TRACE(3, "*** overwrite info <%d %d> kvs_delete() failed: %s ***\n", inst, tbl_type,
@@ -567,5 +597,12 @@ int tcamwrap_post_restore(uint8_t inst, uint32_t tbl_type)
     tcamwrap_segment_set changed;
     tcamwrap_post_restore_lmt_scan(info, inst, tbl_type, changed);
     tcamwrap_store_segments(inst, tbl_type, changed);
+    const tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
+    if (pending != nullptr && pending->unread) {
+        TCAMWRAP_TRACE(3, "*** <%d, %d> the store could not be read whole: hardware entries "
+                          "without an owner are kept ***\n",
+                       inst, tbl_type);
+        return 0;
+    }
     return tcamwrap_post_restore_rlmt_scan(info, &params);
 }

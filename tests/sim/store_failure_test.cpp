@@ -26,7 +26,7 @@ kvs_buf kPrefix = {kPrefixBytes, sizeof kPrefixBytes};
 
 // A new start drops the library's tables without freeing them, as a client
 // process keeps them for its life: not a leak.
-int start(uint32_t init_type)
+int start(uint32_t init_type, std::vector<int32_t> types = {1, 2, 3})
 {
 #if defined(__SANITIZE_ADDRESS__)
     for (auto &per_inst : tcamwrap_gl_db.tcam_info)
@@ -34,8 +34,7 @@ int start(uint32_t init_type)
             if (ti != nullptr)
                 __lsan_ignore_object(ti);
 #endif
-    const int32_t types[] = {1, 2, 3};
-    return tcamwrap_init(types, 3, 1, &kPrefix, init_type, 0, 0, 0);
+    return tcamwrap_init(types.data(), (uint32_t)types.size(), 1, &kPrefix, init_type, 0, 0, 0);
 }
 
 // FIB entry `id`: 10.0.id.0/24, result word {1, 0, 0, 0, id}.
@@ -113,6 +112,7 @@ struct Case {
     const char *fault;
     std::vector<Step> steps;
     std::map<uint32_t, uint8_t> want;
+    const char *restart_fault = nullptr;  // armed for a first restart
 };
 
 const Case kCases[] = {
@@ -135,6 +135,12 @@ const Case kCases[] = {
      {{Op::Write, 5, 1, 0}},
      "fail=kvs_store:1:ENOSPC,fail=kvs_store:2:ENOSPC,fail=kvs_store:3:ENOSPC",
      {{Op::Erase, 5, 0, 0}, {Op::Write, 6, 2, ENOSPC}, {Op::Write, 6, 2, 0}}, {{6, 2}}},
+    {"overwrite whose journal read-back fails", {{Op::Write, 5, 1, 0}}, "fail=kvs_getvalue:1:EIO",
+     {{Op::Write, 5, 2, 0}}, {{5, 2}}},
+    /* A restart that cannot read the store keeps the entries it cannot place;
+     * the next restart finds them all. */
+    {"restart whose segment read fails", {{Op::Write, 5, 1, 0}, {Op::Write, 6, 2, 0}}, "",
+     {}, {{5, 1}, {6, 2}}, "fail=kvs_getvalue:1:EIO"},
 };
 
 TEST(StoreFailure, TheCallReportsItAndTheCardStaysExact)
@@ -153,9 +159,38 @@ TEST(StoreFailure, TheCallReportsItAndTheCardStaysExact)
         }
         sim_fault_set(nullptr);
         expect_card(c.want, "running");
+        if (c.restart_fault != nullptr) {
+            ASSERT_EQ(sim_fault_set(c.restart_fault), 0);
+            ASSERT_EQ(start(1), 0);
+            EXPECT_EQ(sim_hw_tcam_count(0, kFib), c.want.size());
+            sim_fault_set(nullptr);
+        }
         ASSERT_EQ(start(1), 0);
         expect_card(c.want, "after a restart");
     }
+}
+
+// A table on the Orvex engine that the client did not name has no map: its locs
+// are not places, so writes and deletes are refused rather than hitting
+// whatever the engine keeps there.
+TEST(StoreFailure, AnUnnamedOrvexTableIsNotWritten)
+{
+    ScopedSimState state("insts=1,fib=64,acli=64,aclo=64", sim_kvs_close);
+    ASSERT_EQ(start(0), 0);
+    ASSERT_EQ(run({Op::Write, 5, 1, 0}), 0);
+    const uint32_t sloc = tcamwrap_gl_db.tcam_info[0][kFib]->lmt[5];
+    ASSERT_EQ(start(1, {TCAMWRAP_TBL_ACLI}), 0);
+    tbl_params p = {0, kFib, 1, sloc, 0};
+    uint8_t word[TCAMWRAP_RESULT_BYTES] = {1, 0, 0, 0, 9};
+    errno = 0;
+    EXPECT_EQ(tcamwrap_fwd_ssram_write(&p, word), -1);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(tcamwrap_fwd_tcam_delete(&p), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(sim_hw_tcam_count(0, kFib), 1u);
+    ASSERT_EQ(start(1), 0);
+    expect_card({{5, 1}}, "named again");
 }
 
 }  // namespace
