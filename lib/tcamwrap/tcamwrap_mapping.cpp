@@ -127,7 +127,7 @@ void tcamwrap_kvs_walk_table(const char *func, uint8_t type, uint8_t inst, uint3
 
 /* Copy one restored segment into the LMT and claim its slocs in the RLMT. */
 void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *info,
-                                  uint32_t seg, const kvs_buf *value)
+                                  uint32_t seg, const kvs_buf *value, bool again)
 {
     const uint32_t first = seg * TCAMWRAP_SEG_ENTRIES;
     /* A record longer than the segment's place in the table, or not a whole
@@ -139,6 +139,13 @@ void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *in
                           "*** LMT segment<%d %d>: %d holds %d words, table has room for %d ***\n",
                           inst, tbl_type, seg, words, room);
         words = room;
+    }
+    /* The same segment met again (a damaged store can hold it under two keys):
+     * the later copy rules, so the slocs of the earlier one are released. */
+    for (uint32_t loc = first; again && loc < first + words; loc++) {
+        const uint32_t sloc = info->lmt[loc];
+        if (sloc < info->lmt_sz && info->rlmt[sloc] == loc)
+            info->rlmt[sloc] = TCAMWRAP_INVALID_LOC;
     }
     if (words != 0 && value->data != nullptr)
         memcpy(info->lmt + first, value->data, words * sizeof(uint32_t));
@@ -285,6 +292,7 @@ int tcamwrap_lmt_restore(uint8_t inst, uint32_t tbl_type)
     if (info == nullptr)
         return 0;
     TCAMWRAP_TRACE(7, "restoring LMT<%d %d> from kvs..\n", inst, tbl_type);
+    std::bitset<256> seen;
     tcamwrap_kvs_walk_table(
         "tcamwrap_lmt_restore", TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type,
         [&](uint8_t seg) {
@@ -294,7 +302,8 @@ int tcamwrap_lmt_restore(uint8_t inst, uint32_t tbl_type)
         [&](uint8_t seg, const kvs_buf &value) {
             TCAMWRAP_TRACE_AS("tcamwrap_lmt_restore", 7, "restored kvs segment size: %d\n",
                               value.len);
-            tcamwrap_lmt_restore_segment(inst, tbl_type, info, seg, &value);
+            tcamwrap_lmt_restore_segment(inst, tbl_type, info, seg, &value, seen.test(seg));
+            seen.set(seg);
         });
     return 0;
 }
