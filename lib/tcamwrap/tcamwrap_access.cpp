@@ -138,6 +138,25 @@ void tcamwrap_settle_pending(uint8_t inst, uint32_t tbl_type)
     tcamwrap_saved_errno = reported;
 }
 
+/* The old copy of an overwrite could not be deleted, so the loc keeps it: the
+ * new copy that nobody owns yet is deleted too (the callbacks leave the maps
+ * alone), and its journal record goes, so no unowned copy of the loc stays
+ * live and no record outlives the overwrite. The failure being reported is
+ * kept. */
+static void tcamwrap_take_back_new_copy(tbl_params *copy, uint32_t loc)
+{
+    uint32_t record[3];
+    if (!tcamwrap_journal_inflight(copy->inst, copy->tbl_type, record) ||
+        record[TCAMWRAP_OW_LOC] != loc)
+        return;
+    const int reported = tcamwrap_saved_errno;
+    tcamwrap_set_cb_handle(copy->inst, copy->tbl_type, loc, 0, nullptr,
+                           TCAMWRAP_OPER_POST_RESTORE);
+    if (orvex_tcam_delete_entry(copy, &record[TCAMWRAP_OW_NEW_SLOC]) == 0)
+        (void)tcamwrap_kvs_delete_ha_overwrite(copy->inst, copy->tbl_type);
+    tcamwrap_saved_errno = reported;
+}
+
 /* The insert (and for an overwrite the delete of the old copy) of one entry;
  * the result with the saved error word set. */
 int tcamwrap_place_orvex_entry(tbl_params *copy, uint32_t loc, uint8_t *key, uint16_t *prio,
@@ -184,6 +203,7 @@ int tcamwrap_place_orvex_entry(tbl_params *copy, uint32_t loc, uint8_t *key, uin
                           "*** inst %d orvex_tcam_delete_entry() failed in case of overwrite: %s. "
                           "loc: 0x%x  old_sloc: 0x%x ***\n",
                           inst, strerror(tcamwrap_saved_errno), loc, old_sloc);
+        tcamwrap_take_back_new_copy(copy, loc);
         return tcamwrap_return_saved(rc);
     }
     (void)orvex_tcam_groom(copy, 0, &scratch, bank);

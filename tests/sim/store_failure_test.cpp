@@ -135,6 +135,8 @@ const Case kCases[] = {
      {{Op::Write, 5, 1, 0}},
      "fail=kvs_store:1:ENOSPC,fail=kvs_store:2:ENOSPC,fail=kvs_store:3:ENOSPC",
      {{Op::Erase, 5, 0, 0}, {Op::Write, 6, 2, ENOSPC}, {Op::Write, 6, 2, 0}}, {{6, 2}}},
+    {"overwrite whose old copy cannot be deleted", {{Op::Write, 5, 1, 0}},
+     "fail=orvex_tcam_delete_entry:1:EIO", {{Op::Write, 5, 2, EIO}}, {{5, 1}}},
     {"overwrite whose journal read-back fails", {{Op::Write, 5, 1, 0}}, "fail=kvs_getvalue:1:EIO",
      {{Op::Write, 5, 2, 0}}, {{5, 2}}},
     /* A restart that cannot read the store keeps the entries it cannot place;
