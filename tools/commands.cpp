@@ -233,12 +233,6 @@ const char kDemoHelp[] =
     "  tcamwrap-sim demo --crash PRE_DEL:300 --json\n";
 
 const char kSweepHelp[] =
-    "Examples:\n"
-    "  tcamwrap-sim sweep --jobs 2\n"
-    "  tcamwrap-sim sweep --sample 200 --second 2 --store-sample 50 --fwd-sample 50\n"
-    "  tcamwrap-sim sweep --seed 1 --ops 300 --card orvex --point 1234\n"
-    "  tcamwrap-sim sweep --seed 1 --ops 300 --card orvex --store 374 --errno EIO\n"
-    "\n"
     "Usage: tcamwrap-sim sweep [--seed S] [--ops N] [--card orvex|tcam3|all] [--jobs J]\n"
     "                          [--sample N] [--second N] [--store-sample N]\n"
     "                          [--eio-sample N] [--fwd-sample N] [--timings]\n"
@@ -269,7 +263,13 @@ const char kSweepHelp[] =
     "flight. --jobs J runs J at once [1]. Prints the\n"
     "points, runs, verified runs, failures and time, and for each failure its class,\n"
     "locs and one command line that repeats that run; exit 1 on any failure.\n"
-    "--json: a stable report (times only with --timings).\n";
+    "--json: a stable report (times only with --timings).\n"
+    "\n"
+    "Examples:\n"
+    "  tcamwrap-sim sweep --jobs 2\n"
+    "  tcamwrap-sim sweep --sample 200 --second 2 --store-sample 50 --fwd-sample 50\n"
+    "  tcamwrap-sim sweep --seed 1 --ops 300 --card orvex --point 1234\n"
+    "  tcamwrap-sim sweep --seed 1 --ops 300 --card orvex --store 374 --errno EIO\n";
 
 } // namespace
 
