@@ -13,6 +13,17 @@
 // priority new to the bank, in the gap where its group belongs, at the point
 // that splits it by the weights of the two new gaps.
 //
+// A group may also cover a range of priorities [low, key] (a ranged group):
+// inside its span its entries keep order only with the entries they overlap
+// (keys that can match the same packet), while groups keep strict order
+// between them. Groom merges a new group into a small neighbour when the bank
+// has too many gaps for its free space, so a table of many distinct
+// priorities does not need one gap per priority. An entry joining a ranged
+// group takes a free place between its overlapping entries of higher and of
+// lower priority inside the span (or in the gap beside it, when nothing on
+// that side overlaps it); the cost of that search is the group's entries,
+// at most kMaxRange unless a restore found more.
+//
 // Groom, which the client calls after every insert, makes the room for the
 // next one, with at most one move per group:
 //  - an empty gap next to the groups that changed takes one location from the
@@ -112,6 +123,16 @@ public:
     static constexpr uint32_t kMaxStalls = 64;      // grooms a slide may wait for room
     static constexpr uint64_t kMaxSlideMoves = 64;  // slide moves per groom
     static constexpr uint32_t kTightWalk = 64;  // groups a refill crosses in a bank short of room
+    // Groom merges a group into a neighbour while the bank has fewer than
+    // kGapShare free locations per gap, up to kMaxRange entries per group.
+    static constexpr uint32_t kGapShare = 1;
+    static constexpr uint32_t kMaxRange = 256;
+    static constexpr uint32_t kRangedSlideMoves = 8;
+    static constexpr int32_t kTrendRun = 16;
+    static constexpr uint32_t kTrendPlans = 16;
+    // Moves a groom may spend on refills: a refill that would cross more
+    // leaves the free place in the gap it reached, and a later groom goes on.
+    static constexpr uint64_t kGroomBudget = 64;
 
     // size: locations of the table; key_bytes: value then mask (18 or 36).
     Table(uint32_t size, uint32_t key_bytes, Port &port);
@@ -164,6 +185,7 @@ private:
         int8_t slide = 0;       // moving toward higher (1) or lower (-1) locations
         uint32_t slide_to = 0;  // where its first (1) or last (-1) entry is going
         uint32_t stalls = 0;    // grooms the slide found no room
+        uint16_t low = 0;       // lowest priority of the group (its key is the highest)
         uint32_t holes() const { return last - first + 1 - count; }
     };
     // Groups by descending priority, which is ascending location.
@@ -180,6 +202,8 @@ private:
         std::set<uint16_t, std::greater<uint16_t>> sliding;  // groups on their way, by location
         uint32_t next_plan = kFirstPlan;  // entries at which the layout is planned next
         bool rescan = false;            // look at every gap (after a restore)
+        uint32_t last_insert = SlotMap::npos;  // where the latest insert went
+        int32_t trend_run = 0;  // inserts in a row above (> 0) or below (< 0) every group
     };
 
     // A gap is named by the group below it (groups.end() for the last gap).
@@ -198,28 +222,55 @@ private:
     static uint64_t gap_weight(const Bank &b, GroupMap::const_iterator above,
                                GroupMap::const_iterator below, int32_t prio);
 
+    // The group whose priority range holds prio, or groups.end().
+    static GroupIt group_for(Bank &b, uint16_t prio);
+    static bool ranged(GroupMap::const_iterator g) { return g->second.low != g->first; }
+    // Can the entry at sloc and the key match the same packet?
+    bool overlaps(uint32_t sloc, const uint8_t *key) const;
+    // Where an entry of key and prio may go inside ranged group g: after its
+    // overlapping entries of higher priority, before those of lower priority.
+    // [*lo, *hi) bank-relative; *lo is g's first location when nothing above
+    // overlaps (the gap above is open too), *hi past its last likewise; both
+    // npos when no place is left between them. *at: its place if the group
+    // were in priority order.
+    void window(const Bank &b, const Group &g, const uint8_t *key, uint16_t prio, uint32_t *lo,
+                uint32_t *hi, uint32_t *at) const;
+
     // Insert helpers: try a candidate (validate), find one for an existing or a
     // new group. Return 0 with *pos set or npos when none fits, -1 on error.
     int try_candidate(const Bank &b, uint32_t pos, uint32_t *tries, bool *ok);
-    int place_in_group(const Bank &b, GroupIt g, uint32_t *pos);
+    int place_in_group(const Bank &b, GroupIt g, const uint8_t *key, uint16_t prio, uint32_t *pos);
     int place_new_group(const Bank &b, uint16_t prio, uint32_t *pos);
     int scan_gap(const Bank &b, Gap gap, uint32_t start, bool up, uint32_t *tries, uint32_t *pos);
 
-    int write_entry(Bank &b, uint32_t pos, const uint8_t *key, uint16_t prio);
+    // g: the group the entry joins (end(): a new group of its own).
+    int write_entry(Bank &b, uint32_t pos, const uint8_t *key, uint16_t prio, GroupIt g);
     void forget_entry(Bank &b, uint32_t pos);
     void mark_dirty(Bank &b, uint16_t group);
 
     // Groom helpers.
+    bool too_many_gaps(const Bank &b) const;
+    // Merge group g into a neighbour (the upper one absorbs the lower one);
+    // the merged group, or g when no neighbour is small enough.
+    GroupIt merge_small(Bank &b, GroupIt g);
+    void absorb(Bank &b, GroupIt upper, GroupIt lower);
     enum class Refill { kHard, kReserve };
     int refill_gap(Bank &b, GroupIt below, Refill mode);
     void plan_slides(Bank &b);
     int slide_step(Bank &b, GroupIt g);
     int run_slides(Bank &b);
+    int slide_ranged(Bank &b, GroupIt g);
     static int end_slide(Group &grp);
     int shift(Bank &b, GroupIt g, bool down);
     uint32_t pick_place(const Bank &b, uint32_t from, uint32_t lo, uint32_t hi, bool ascending);
-    int move_first(Bank &b, Group &g, uint32_t to);
-    int move_last(Bank &b, Group &g, uint32_t to);
+    // Ranged group: walk a free place to target by moves that keep overlap
+    // order; and keep its holes where the inserts go.
+    int walk_free(Bank &b, Group &g, uint32_t free_at, uint32_t target);
+    int top_up_holes(Bank &b, GroupIt g, uint32_t pos);
+    static uint64_t hole_share(const Bank &b, const Group &g);
+    static bool spare_holes(const Bank &b, GroupMap::const_iterator g);
+    bool may_jump(const Bank &b, uint32_t from, uint32_t to) const;
+    int move_in_group(Bank &b, Group &g, uint32_t from, uint32_t to);
     int move(Bank &b, uint32_t from, uint32_t to);
     // Has the group moved in the groom running? note_move counts a second move.
     bool moved_now(uint16_t key) const;
@@ -233,9 +284,9 @@ private:
     Bank banks_[2];
     std::vector<uint8_t> keys_;
     std::vector<uint16_t> prio_;
-    std::vector<uint16_t> group_;  // the group (priority) a used location belongs to
     std::vector<uint32_t> moved_in_groom_;  // per group: epoch of the groom that moved it
     uint32_t groom_epoch_ = 0;
+    uint64_t budget_end_ = 0;  // the move count at which a groom's refills stop
     Counters counters_;
 };
 
