@@ -288,11 +288,11 @@ int Table::place_new_group(const Bank &b, uint16_t prio, uint32_t *pos) {
     const uint64_t w_above = gap_weight(b, above, b.groups.end(), prio);
     const uint64_t w_below = gap_weight(b, b.groups.end(), below, prio);
     uint32_t split = gap.lo + static_cast<uint32_t>(gap.size() * w_above / (w_above + w_below));
-    // A new top (bottom) priority sits kMinGap from the edge group: loads in
-    // priority order keep going that way, and the plan moves the groups apart.
-    if (above == b.groups.end() && below != b.groups.end())
+    // In a load in priority order a new top (bottom) priority sits kMinGap
+    // from the edge group: the load keeps going that way.
+    if (above == b.groups.end() && below != b.groups.end() && b.trend_run > 1)
         split = gap.hi > gap.lo + kMinGap ? gap.hi - 1 - kMinGap : gap.lo;
-    if (below == b.groups.end() && above != b.groups.end())
+    if (below == b.groups.end() && above != b.groups.end() && b.trend_run < -1)
         split = std::min(gap.lo + kMinGap, gap.hi - 1);
     const uint32_t start = std::min(split, gap.hi - 1);
     uint32_t tries = 0;
@@ -339,9 +339,10 @@ int Table::insert(const uint8_t *key, uint16_t prio, unsigned bank_no, uint32_t 
                 if (pos != npos) g = edge;
             }
             if (rc == 0 && pos == npos) rc = place_new_group(b, prio, &pos);
-            // No room between the neighbours: join one of them.
+            // No room between the neighbours in a bank short of free places
+            // for its gaps: join one of them.
             for (GroupIt n : {above, below}) {
-                if (rc != 0 || pos != npos || n == b.groups.end()) continue;
+                if (rc != 0 || pos != npos || n == b.groups.end() || !too_many_gaps(b)) continue;
                 rc = place_in_group(b, n, key, prio, &pos);
                 if (pos != npos) g = n;
             }
@@ -513,18 +514,22 @@ bool Table::may_jump(const Bank &b, uint32_t from, uint32_t to) const {
 
 // Walk the free place `free_at` of ranged group g (a hole, or a place of a
 // gap beside it) to `target`: each step moves the entry farthest toward the
-// target that may jump to the free place, so it walks in a few long jumps.
-// The entry next to the free place may always move, so the walk ends after at
-// most as many moves as entries in between. 1 when the pair rule blocks it.
+// target, at most kMaxHop away, that may jump to the free place, so it walks
+// in long jumps; a step costs at most kMaxHop^2 key comparisons. The entry
+// next to the free place may always move, so the walk ends after at most as
+// many moves as entries in between, or when the groom's budget is spent.
+// 1 when the pair rule or the budget stops it.
 int Table::walk_free(Bank &b, Group &g, uint32_t free_at, uint32_t target) {
     while (free_at != target && !b.slots.is_free(target)) {
         if (counters_.moves >= budget_end_) return 1;
         uint32_t from = npos;
         if (free_at > target) {
-            for (uint32_t p = target; p != npos && from == npos; p = b.slots.next_used(p + 1, free_at))
+            const uint32_t start = std::max(target, free_at > kMaxHop ? free_at - kMaxHop : 0);
+            for (uint32_t p = start; p != npos && from == npos; p = b.slots.next_used(p + 1, free_at))
                 if (!b.slots.is_free(p) && may_jump(b, p, free_at)) from = p;
         } else {
-            for (uint32_t p = target; p != npos && from == npos;
+            const uint32_t start = std::min(target, free_at + kMaxHop);
+            for (uint32_t p = start; p != npos && from == npos;
                  p = p > free_at + 1 ? b.slots.prev_used(p, free_at + 1) : npos)
                 if (!b.slots.is_free(p) && may_jump(b, p, free_at)) from = p;
         }
@@ -656,7 +661,7 @@ int Table::refill_gap(Bank &b, GroupIt below, Refill mode) {
     const bool down = down_cost <= up_cost;
     GroupIt g = down ? down_src : up_src;
     for (;;) {
-        if (counters_.moves >= budget_end_) break;
+        if (ranged(g) && counters_.moves >= budget_end_) break;
         const int rc = shift(b, g, down);
         if (rc < 0) return -1;
         if (rc > 0) break;  // the free place stays in the gap reached so far
@@ -684,12 +689,11 @@ void Table::plan_slides(Bank &b) {
         order.push_back(g);
         spans += g->second.last - g->second.first + 1;
     }
-    // Every gap keeps kMinGap; the rest is shared by weight.
-    const uint64_t reserve = uint64_t{kMinGap} * (n + 1);
-    const uint64_t free_in_gaps = b.size - spans > reserve ? b.size - spans - reserve : 0;
-    // A load in priority order needs its free space at the edge it grows
-    // to: the others keep kMinGap.
     const int32_t trend_run = std::abs(b.trend_run) >= kTrendRun ? b.trend_run : 0;
+    // In a load in order every gap keeps kMinGap and the edge it grows to
+    // gets the rest; else the free space is shared by weight.
+    const uint64_t reserve = trend_run != 0 ? uint64_t{kMinGap} * (n + 1) : 0;
+    const uint64_t free_in_gaps = b.size - spans > reserve ? b.size - spans - reserve : 0;
     const auto weight = [&](std::size_t gap) -> uint64_t {  // gap i lies above order[i]
         if (trend_run != 0) return (trend_run > 0 ? gap == 0 : gap == n) ? 1 : 0;
         return gap_weight(b, gap > 0 ? order[gap - 1] : b.groups.end(),
@@ -706,7 +710,7 @@ void Table::plan_slides(Bank &b) {
         Group &grp = order[k]->second;
         const int64_t span = grp.last - grp.first + 1;
         const int64_t want = static_cast<int64_t>(free_in_gaps * weight_before / total + spans_before +
-                                                  uint64_t{kMinGap} * (k + 1));
+                                                  (reserve > 0 ? uint64_t{kMinGap} * (k + 1) : 0));
         spans_before += span;
         const int64_t by = want - grp.first;
         const int64_t dist = by > 0 ? by : -by;

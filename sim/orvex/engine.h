@@ -133,6 +133,7 @@ public:
     // Moves a groom may spend on refills: a refill that would cross more
     // leaves the free place in the gap it reached, and a later groom goes on.
     static constexpr uint64_t kGroomBudget = 64;
+    static constexpr uint32_t kMaxHop = 64;  // longest jump of a walk through a ranged group
 
     // size: locations of the table; key_bytes: value then mask (18 or 36).
     Table(uint32_t size, uint32_t key_bytes, Port &port);
