@@ -288,12 +288,13 @@ int Table::place_new_group(const Bank &b, uint16_t prio, uint32_t *pos) {
     const uint64_t w_above = gap_weight(b, above, b.groups.end(), prio);
     const uint64_t w_below = gap_weight(b, b.groups.end(), below, prio);
     uint32_t split = gap.lo + static_cast<uint32_t>(gap.size() * w_above / (w_above + w_below));
-    // In a load in priority order a new top (bottom) priority sits kMinGap
-    // from the edge group: the load keeps going that way.
-    if (above == b.groups.end() && below != b.groups.end() && b.trend_run > 1)
-        split = gap.hi > gap.lo + kMinGap ? gap.hi - 1 - kMinGap : gap.lo;
-    if (below == b.groups.end() && above != b.groups.end() && b.trend_run < -1)
-        split = std::min(gap.lo + kMinGap, gap.hi - 1);
+    // A new top (bottom) priority after another one sits kMinGap from the
+    // edge group when the gap is wide: a load in priority order keeps going
+    // that way (in a narrow gap the weights keep room for what comes between).
+    if (gap.size() >= kWideGap && above == b.groups.end() && below != b.groups.end() && b.trend_run > 1)
+        split = gap.hi - 1 - kMinGap;
+    if (gap.size() >= kWideGap && below == b.groups.end() && above != b.groups.end() && b.trend_run < -1)
+        split = gap.lo + kMinGap;
     const uint32_t start = std::min(split, gap.hi - 1);
     uint32_t tries = 0;
     for (uint32_t step = 0; step < 2 * gap.size() && tries < kMaxTries; ++step) {

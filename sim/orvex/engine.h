@@ -130,6 +130,7 @@ public:
     static constexpr uint32_t kRangedSlideMoves = 8;
     static constexpr int32_t kTrendRun = 16;
     static constexpr uint32_t kTrendPlans = 16;
+    static constexpr uint32_t kWideGap = 256;
     // Moves a groom may spend on refills: a refill that would cross more
     // leaves the free place in the gap it reached, and a later groom goes on.
     static constexpr uint64_t kGroomBudget = 64;
