@@ -288,13 +288,13 @@ int Table::place_new_group(const Bank &b, uint16_t prio, uint32_t *pos) {
     const uint64_t w_above = gap_weight(b, above, b.groups.end(), prio);
     const uint64_t w_below = gap_weight(b, b.groups.end(), below, prio);
     uint32_t split = gap.lo + static_cast<uint32_t>(gap.size() * w_above / (w_above + w_below));
-    // A new top (bottom) priority after another one sits kMinGap from the
-    // edge group when the gap is wide: a load in priority order keeps going
+    // A new top (bottom) priority right after another one sits kTrendGap from
+    // the edge group when the gap is wide: a load in priority order keeps going
     // that way (in a narrow gap the weights keep room for what comes between).
     if (gap.size() >= kWideGap && above == b.groups.end() && below != b.groups.end() && b.trend_run > 1)
-        split = gap.hi - 1 - kMinGap;
+        split = gap.hi - 1 - kTrendGap;
     if (gap.size() >= kWideGap && below == b.groups.end() && above != b.groups.end() && b.trend_run < -1)
-        split = gap.lo + kMinGap;
+        split = gap.lo + kTrendGap;
     const uint32_t start = std::min(split, gap.hi - 1);
     uint32_t tries = 0;
     for (uint32_t step = 0; step < 2 * gap.size() && tries < kMaxTries; ++step) {
@@ -322,6 +322,7 @@ int Table::insert(const uint8_t *key, uint16_t prio, unsigned bank_no, uint32_t 
     GroupIt g = group_for(b, prio);
     if (b.used < b.size) {
         if (g != b.groups.end()) {
+            b.trend_run = 0;  // a priority the bank has: no load in priority order
             rc = place_in_group(b, g, key, prio, &pos);
         } else {
             const auto below = b.groups.lower_bound(prio);

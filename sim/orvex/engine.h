@@ -131,6 +131,7 @@ public:
     static constexpr int32_t kTrendRun = 16;
     static constexpr uint32_t kTrendPlans = 16;
     static constexpr uint32_t kWideGap = 256;
+    static constexpr uint32_t kTrendGap = 8;
     // Moves a groom may spend on refills: a refill that would cross more
     // leaves the free place in the gap it reached, and a later groom goes on.
     static constexpr uint64_t kGroomBudget = 64;
