@@ -1,43 +1,42 @@
 // engine.h - the placement engine of one managed TCAM table.
 //
 // The table is split in two banks (bank 0 = the lower half of the locations,
-// bank 1 = the upper half). Inside a bank the entries are kept in priority
-// order: a higher priority sits at a lower location. The entries of one
-// priority form a group whose span [first, last] holds no other group's entry;
-// the free locations between two spans form a gap.
+// bank 1 = the upper half). Inside a bank a higher priority sits at a lower
+// location wherever two entries overlap (some packet matches both keys). The
+// entries form groups whose spans [first, last] hold no other group's entry
+// and cover disjoint priority ranges [low, key], in priority order; the free
+// locations between two spans form a gap. Inside a group of one priority
+// nothing needs ordering; inside a ranged group (low < key) only overlapping
+// entries keep priority order.
 //
 // Insert never moves an entry: the client's callback handle describes the one
 // entry being written, and a move report in the middle of an insert would
-// replace it. A new entry takes a free location inside its group's span (a
-// hole left by a delete) or in one of the two gaps around the span, or, for a
-// priority new to the bank, in the gap where its group belongs, at the point
-// that splits it by the weights of the two new gaps.
-//
-// A group may also cover a range of priorities [low, key] (a ranged group):
-// inside its span its entries keep order only with the entries they overlap
-// (keys that can match the same packet), while groups keep strict order
-// between them. Groom merges a new group into a small neighbour when the bank
-// has too many gaps for its free space, so a table of many distinct
-// priorities does not need one gap per priority. An entry joining a ranged
-// group takes a free place between its overlapping entries of higher and of
-// lower priority inside the span (or in the gap beside it, when nothing on
-// that side overlaps it); the cost of that search is the group's entries,
-// at most kMaxRange unless a restore found more.
+// replace it. A new entry takes a free location of its group (a hole of the
+// span, or a gap beside it): in a ranged group one between its overlapping
+// entries of higher and lower priority, nearest its place in priority order,
+// at the cost of one comparison per entry of the group. A priority new to the
+// bank gets a group in the gap where it belongs, at the point that splits it
+// by the weights of the two new gaps; in a load in priority order (kTrendRun
+// new top or bottom priorities in a row) it joins the edge group instead while
+// that has fewer than kMaxRange entries.
 //
 // Groom, which the client calls after every insert, makes the room for the
-// next one, with at most one move per group:
+// next one:
+//  - while the bank has no more free locations than gaps, the groups that
+//    changed merge into a small neighbour (the gap becomes holes; no move);
+//  - a ranged group short of holes after an insert gets one walked next to it;
 //  - an empty gap next to the groups that changed takes one location from the
-//    nearest spare space, every group in between shifting by one (its first
-//    entry goes to the free place after its last one, or the other way round):
-//    one move per group crossed (a group may move twice only when an empty
-//    gap needs it); a gap below kMinGap is topped up the same way;
-//  - while a bank is young (16, 32, 64, ... entries, up to 1/8 of it), the
-//    layout is planned: each gap deserves a share of the free space by its
-//    weight (half the entries of the groups beside it, the priorities still
-//    missing between them, and one), and a group far from its planned place
-//    slides there, each entry jumping once to its new place, one move per
-//    group per groom. Early groups are small, so this is cheap, and a load
-//    whose mix stays the same then rarely has to borrow across groups.
+//    nearest spare space, every group in between shifting by one: one move for
+//    a group of one priority, a walk of the free place through a ranged group
+//    (jumps of at most kMaxHop that pass no overlapping entry the wrong way,
+//    at most kGroomBudget moves per groom); a gap below kMinGap is topped up
+//    the same way;
+//  - while a bank is young (16, 32, 64, ... entries, up to 1/8 of it), or
+//    every 1/kTrendPlans of it in a load in priority order, the layout is
+//    planned: each gap deserves a share of the free space by its weight (in a
+//    load in order the edge it grows to gets it all), and a group far from its
+//    planned place slides there, each entry moving once (a ranged group keeps
+//    its order: each entry jumps over free places only).
 //
 // The engine talks to the hardware image and to the client's callbacks only
 // through a Port, so it runs the same over the simulated card and in tests.
