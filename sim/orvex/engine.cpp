@@ -314,41 +314,47 @@ int Table::place_new_group(const Bank &b, uint16_t prio, uint32_t *pos) {
     return 0;
 }
 
+// A priority no group of the bank covers. In a load in priority order
+// (kTrendRun new top or bottom priorities in a row) it joins the edge group
+// while that is small: groups of kMaxRange rather than one group and gap per
+// priority. Else a group of its own; with no room there, in a bank short of
+// free places for its gaps, it joins a neighbour.
+int Table::place_new_priority(Bank &b, const uint8_t *key, uint16_t prio, GroupIt *g,
+                              uint32_t *pos) {
+    const auto below = b.groups.lower_bound(prio);
+    const auto above = below == b.groups.begin() ? b.groups.end() : std::prev(below);
+    const int side = b.groups.empty()          ? 0
+                     : above == b.groups.end() ? 1
+                     : below == b.groups.end() ? -1
+                                               : 0;
+    const bool same_way = b.trend_run == 0 || (b.trend_run > 0) == (side > 0);
+    b.trend_run = side != 0 && same_way ? b.trend_run + side : side;
+    const GroupIt edge = side > 0 ? below : above;
+    int rc = 0;
+    if (side != 0 && std::abs(b.trend_run) >= kTrendRun && edge->second.count < kMaxRange) {
+        rc = place_in_group(b, edge, key, prio, pos);
+        if (*pos != npos) *g = edge;
+    }
+    if (rc == 0 && *pos == npos) rc = place_new_group(b, prio, pos);
+    for (GroupIt n : {above, below}) {
+        if (rc != 0 || *pos != npos || n == b.groups.end() || !too_many_gaps(b)) continue;
+        rc = place_in_group(b, n, key, prio, pos);
+        if (*pos != npos) *g = n;
+    }
+    return rc;
+}
+
 int Table::insert(const uint8_t *key, uint16_t prio, unsigned bank_no, uint32_t *sloc) {
     if (bank_no > 1) return fail(EINVAL);
     Bank &b = bank(bank_no);
     uint32_t pos = npos;
     int rc = 0;
     GroupIt g = group_for(b, prio);
-    if (b.used < b.size) {
-        if (g != b.groups.end()) {
-            b.trend_run = 0;  // a priority the bank has: no load in priority order
-            rc = place_in_group(b, g, key, prio, &pos);
-        } else {
-            const auto below = b.groups.lower_bound(prio);
-            const auto above = below == b.groups.begin() ? b.groups.end() : std::prev(below);
-            // In a load in priority order (kTrendRun inserts in a row beyond
-            // the same edge) a new top (bottom) priority joins the edge group
-            // while it is small: groups of kMaxRange rather than one group and
-            // gap per priority.
-            const GroupIt edge = above == b.groups.end() ? below : above;
-            const int side = b.groups.empty() ? 0 : above == b.groups.end() ? 1 : below == b.groups.end() ? -1 : 0;
-            b.trend_run = side != 0 && (b.trend_run == 0 || (b.trend_run > 0) == (side > 0))
-                              ? b.trend_run + side
-                              : side;
-            if (side != 0 && std::abs(b.trend_run) >= kTrendRun && edge->second.count < kMaxRange) {
-                rc = place_in_group(b, edge, key, prio, &pos);
-                if (pos != npos) g = edge;
-            }
-            if (rc == 0 && pos == npos) rc = place_new_group(b, prio, &pos);
-            // No room between the neighbours in a bank short of free places
-            // for its gaps: join one of them.
-            for (GroupIt n : {above, below}) {
-                if (rc != 0 || pos != npos || n == b.groups.end() || !too_many_gaps(b)) continue;
-                rc = place_in_group(b, n, key, prio, &pos);
-                if (pos != npos) g = n;
-            }
-        }
+    if (b.used < b.size && g != b.groups.end()) {
+        b.trend_run = 0;  // a priority the bank has: no load in priority order
+        rc = place_in_group(b, g, key, prio, &pos);
+    } else if (b.used < b.size) {
+        rc = place_new_priority(b, key, prio, &g, &pos);
     }
     if (rc == 0 && pos == npos) rc = fail(ENOSPC);
     if (rc == 0) rc = write_entry(b, pos, key, prio, g);

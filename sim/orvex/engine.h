@@ -243,6 +243,8 @@ private:
     int try_candidate(const Bank &b, uint32_t pos, uint32_t *tries, bool *ok);
     int place_in_group(const Bank &b, GroupIt g, const uint8_t *key, uint16_t prio, uint32_t *pos);
     int place_new_group(const Bank &b, uint16_t prio, uint32_t *pos);
+    // A priority no group covers; *g receives the group it joins, if any.
+    int place_new_priority(Bank &b, const uint8_t *key, uint16_t prio, GroupIt *g, uint32_t *pos);
     int scan_gap(const Bank &b, Gap gap, uint32_t start, bool up, uint32_t *tries, uint32_t *pos);
 
     // g: the group the entry joins (end(): a new group of its own).
