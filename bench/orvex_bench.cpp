@@ -10,6 +10,28 @@
 //    image in a temporary state directory), with accepting callbacks.
 //
 // Usage: orvex_bench [--size N] [--fill F] [--churn N] [--seed S] [--uniform K] [--no-sim]
+//
+// The placement measured here (sim/orvex/README.md has the whole scheme):
+// priority groups in strict order between them; inside a group that covers a
+// range of priorities, entries keep order only with the entries whose keys
+// overlap theirs. An insert never moves: it takes a free place of its window
+// (below its overlapping entries of higher priority, above those of lower
+// priority), nearest its place in priority order. Groom merges groups when
+// gaps outnumber free places, refills empty gaps by shifting groups (a ranged
+// group walks a free place through itself in jumps of at most 64 locations
+// that pass no overlapping entry the wrong way), and plans a layout while a
+// bank is young or a load comes in priority order, sliding groups there.
+// Bounds: a refill moves one entry per group of one priority it crosses (at
+// most 64 groups when free places are fewer than gaps); walks through ranged
+// groups spend at most 64 moves per groom and slides 64; a walk step compares
+// at most 64 x 64 keys; an insert compares its key with one group's entries
+// (256 when merges or an ordered load made the group).
+// ACL fill (tcamwrap_bench acli_fill/*, 8,192 ACLI locations, through the
+// library): distinct priorities ascending and descending fill to 97.5% and
+// 98.7% at 0.7 and 1.0 moves per insert (at most 64 in a groom); 8 levels to
+// 99.85%;
+// distinct priorities in random order reach 57% before the first refused
+// insert and 97% after all are offered.
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>

@@ -1,32 +1,42 @@
 // engine.h - the placement engine of one managed TCAM table.
 //
 // The table is split in two banks (bank 0 = the lower half of the locations,
-// bank 1 = the upper half). Inside a bank the entries are kept in priority
-// order: a higher priority sits at a lower location. The entries of one
-// priority form a group whose span [first, last] holds no other group's entry;
-// the free locations between two spans form a gap.
+// bank 1 = the upper half). Inside a bank a higher priority sits at a lower
+// location wherever two entries overlap (some packet matches both keys). The
+// entries form groups whose spans [first, last] hold no other group's entry
+// and cover disjoint priority ranges [low, key], in priority order; the free
+// locations between two spans form a gap. Inside a group of one priority
+// nothing needs ordering; inside a ranged group (low < key) only overlapping
+// entries keep priority order.
 //
 // Insert never moves an entry: the client's callback handle describes the one
 // entry being written, and a move report in the middle of an insert would
-// replace it. A new entry takes a free location inside its group's span (a
-// hole left by a delete) or in one of the two gaps around the span, or, for a
-// priority new to the bank, in the gap where its group belongs, at the point
-// that splits it by the weights of the two new gaps.
+// replace it. A new entry takes a free location of its group (a hole of the
+// span, or a gap beside it): in a ranged group one between its overlapping
+// entries of higher and lower priority, nearest its place in priority order,
+// at the cost of one comparison per entry of the group. A priority new to the
+// bank gets a group in the gap where it belongs, at the point that splits it
+// by the weights of the two new gaps; in a load in priority order (kTrendRun
+// new top or bottom priorities in a row) it joins the edge group instead while
+// that has fewer than kMaxRange entries.
 //
 // Groom, which the client calls after every insert, makes the room for the
-// next one, with at most one move per group:
+// next one:
+//  - while the bank has no more free locations than gaps, the groups that
+//    changed merge into a small neighbour (the gap becomes holes; no move);
+//  - a ranged group short of holes after an insert gets one walked next to it;
 //  - an empty gap next to the groups that changed takes one location from the
-//    nearest spare space, every group in between shifting by one (its first
-//    entry goes to the free place after its last one, or the other way round):
-//    one move per group crossed (a group may move twice only when an empty
-//    gap needs it); a gap below kMinGap is topped up the same way;
-//  - while a bank is young (16, 32, 64, ... entries, up to 1/8 of it), the
-//    layout is planned: each gap deserves a share of the free space by its
-//    weight (half the entries of the groups beside it, the priorities still
-//    missing between them, and one), and a group far from its planned place
-//    slides there, each entry jumping once to its new place, one move per
-//    group per groom. Early groups are small, so this is cheap, and a load
-//    whose mix stays the same then rarely has to borrow across groups.
+//    nearest spare space, every group in between shifting by one: one move for
+//    a group of one priority, a walk of the free place through a ranged group
+//    (jumps of at most kMaxHop that pass no overlapping entry the wrong way,
+//    at most kGroomBudget moves per groom); a gap below kMinGap is topped up
+//    the same way;
+//  - while a bank is young (16, 32, 64, ... entries, up to 1/8 of it), or
+//    every 1/kTrendPlans of it in a load in priority order, the layout is
+//    planned: each gap deserves a share of the free space by its weight (in a
+//    load in order the edge it grows to gets it all), and a group far from its
+//    planned place slides there, each entry moving once (a ranged group keeps
+//    its order: each entry jumps over free places only).
 //
 // The engine talks to the hardware image and to the client's callbacks only
 // through a Port, so it runs the same over the simulated card and in tests.
@@ -112,6 +122,19 @@ public:
     static constexpr uint32_t kMaxStalls = 64;      // grooms a slide may wait for room
     static constexpr uint64_t kMaxSlideMoves = 64;  // slide moves per groom
     static constexpr uint32_t kTightWalk = 64;  // groups a refill crosses in a bank short of room
+    // Groom merges a group into a neighbour while the bank has fewer than
+    // kGapShare free locations per gap, up to kMaxRange entries per group.
+    static constexpr uint32_t kGapShare = 1;
+    static constexpr uint32_t kMaxRange = 256;
+    static constexpr uint32_t kRangedSlideMoves = 8;
+    static constexpr int32_t kTrendRun = 16;
+    static constexpr uint32_t kTrendPlans = 16;
+    static constexpr uint32_t kWideGap = 256;
+    static constexpr uint32_t kTrendGap = 8;
+    // Moves a groom may spend on refills: a refill that would cross more
+    // leaves the free place in the gap it reached, and a later groom goes on.
+    static constexpr uint64_t kGroomBudget = 64;
+    static constexpr uint32_t kMaxHop = 64;  // longest jump of a walk through a ranged group
 
     // size: locations of the table; key_bytes: value then mask (18 or 36).
     Table(uint32_t size, uint32_t key_bytes, Port &port);
@@ -164,6 +187,7 @@ private:
         int8_t slide = 0;       // moving toward higher (1) or lower (-1) locations
         uint32_t slide_to = 0;  // where its first (1) or last (-1) entry is going
         uint32_t stalls = 0;    // grooms the slide found no room
+        uint16_t low = 0;       // lowest priority of the group (its key is the highest)
         uint32_t holes() const { return last - first + 1 - count; }
     };
     // Groups by descending priority, which is ascending location.
@@ -180,6 +204,8 @@ private:
         std::set<uint16_t, std::greater<uint16_t>> sliding;  // groups on their way, by location
         uint32_t next_plan = kFirstPlan;  // entries at which the layout is planned next
         bool rescan = false;            // look at every gap (after a restore)
+        uint32_t last_insert = SlotMap::npos;  // where the latest insert went
+        int32_t trend_run = 0;  // inserts in a row above (> 0) or below (< 0) every group
     };
 
     // A gap is named by the group below it (groups.end() for the last gap).
@@ -198,28 +224,57 @@ private:
     static uint64_t gap_weight(const Bank &b, GroupMap::const_iterator above,
                                GroupMap::const_iterator below, int32_t prio);
 
+    // The group whose priority range holds prio, or groups.end().
+    static GroupIt group_for(Bank &b, uint16_t prio);
+    static bool ranged(GroupMap::const_iterator g) { return g->second.low != g->first; }
+    // Can the entry at sloc and the key match the same packet?
+    bool overlaps(uint32_t sloc, const uint8_t *key) const;
+    // Where an entry of key and prio may go inside ranged group g: after its
+    // overlapping entries of higher priority, before those of lower priority.
+    // [*lo, *hi) bank-relative; *lo is g's first location when nothing above
+    // overlaps (the gap above is open too), *hi past its last likewise; both
+    // npos when no place is left between them. *at: its place if the group
+    // were in priority order.
+    void window(const Bank &b, const Group &g, const uint8_t *key, uint16_t prio, uint32_t *lo,
+                uint32_t *hi, uint32_t *at) const;
+
     // Insert helpers: try a candidate (validate), find one for an existing or a
     // new group. Return 0 with *pos set or npos when none fits, -1 on error.
     int try_candidate(const Bank &b, uint32_t pos, uint32_t *tries, bool *ok);
-    int place_in_group(const Bank &b, GroupIt g, uint32_t *pos);
+    int place_in_group(const Bank &b, GroupIt g, const uint8_t *key, uint16_t prio, uint32_t *pos);
     int place_new_group(const Bank &b, uint16_t prio, uint32_t *pos);
+    // A priority no group covers; *g receives the group it joins, if any.
+    int place_new_priority(Bank &b, const uint8_t *key, uint16_t prio, GroupIt *g, uint32_t *pos);
     int scan_gap(const Bank &b, Gap gap, uint32_t start, bool up, uint32_t *tries, uint32_t *pos);
 
-    int write_entry(Bank &b, uint32_t pos, const uint8_t *key, uint16_t prio);
+    // g: the group the entry joins (end(): a new group of its own).
+    int write_entry(Bank &b, uint32_t pos, const uint8_t *key, uint16_t prio, GroupIt g);
     void forget_entry(Bank &b, uint32_t pos);
     void mark_dirty(Bank &b, uint16_t group);
 
     // Groom helpers.
+    bool too_many_gaps(const Bank &b) const;
+    // Merge group g into a neighbour (the upper one absorbs the lower one);
+    // the merged group, or g when no neighbour is small enough.
+    GroupIt merge_small(Bank &b, GroupIt g);
+    void absorb(Bank &b, GroupIt upper, GroupIt lower);
     enum class Refill { kHard, kReserve };
     int refill_gap(Bank &b, GroupIt below, Refill mode);
     void plan_slides(Bank &b);
     int slide_step(Bank &b, GroupIt g);
     int run_slides(Bank &b);
+    int slide_ranged(Bank &b, GroupIt g);
     static int end_slide(Group &grp);
     int shift(Bank &b, GroupIt g, bool down);
     uint32_t pick_place(const Bank &b, uint32_t from, uint32_t lo, uint32_t hi, bool ascending);
-    int move_first(Bank &b, Group &g, uint32_t to);
-    int move_last(Bank &b, Group &g, uint32_t to);
+    // Ranged group: walk a free place to target by moves that keep overlap
+    // order; and keep its holes where the inserts go.
+    int walk_free(Bank &b, Group &g, uint32_t free_at, uint32_t target);
+    int top_up_holes(Bank &b, GroupIt g, uint32_t pos);
+    static uint64_t hole_share(const Bank &b, const Group &g);
+    static bool spare_holes(const Bank &b, GroupMap::const_iterator g);
+    bool may_jump(const Bank &b, uint32_t from, uint32_t to) const;
+    int move_in_group(Bank &b, Group &g, uint32_t from, uint32_t to);
     int move(Bank &b, uint32_t from, uint32_t to);
     // Has the group moved in the groom running? note_move counts a second move.
     bool moved_now(uint16_t key) const;
@@ -233,9 +288,9 @@ private:
     Bank banks_[2];
     std::vector<uint8_t> keys_;
     std::vector<uint16_t> prio_;
-    std::vector<uint16_t> group_;  // the group (priority) a used location belongs to
     std::vector<uint32_t> moved_in_groom_;  // per group: epoch of the groom that moved it
     uint32_t groom_epoch_ = 0;
+    uint64_t budget_end_ = 0;  // the move count at which a groom's refills stop
     Counters counters_;
 };
 

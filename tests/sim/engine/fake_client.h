@@ -43,15 +43,12 @@ public:
     std::vector<uint32_t> lmt;       // loc -> sloc
     std::vector<uint32_t> rlmt;      // sloc -> loc
     std::set<uint32_t> refused;      // places refused during the current insert
-    std::set<uint16_t> moved_prios;  // priorities moved during the current groom
-    uint64_t repeats = 0;            // moves of a priority already moved in that groom
     uint64_t moves = 0;
     std::vector<std::string> errors;
 
     void start(Phase p) {
         phase = p;
         refused.clear();
-        moved_prios.clear();
     }
 
     int validate(uint32_t sloc, bool *ok) override {
@@ -139,7 +136,6 @@ private:
             if (phase != Phase::kGroom) fault("move outside groom");
             if (!owned(old_sloc)) fault("move of an empty place");
             if (used(new_sloc)) fault("move onto a used place");
-            if (!moved_prios.insert(prio(old_sloc)).second) ++repeats;
         } else {
             fault("unknown op " + std::to_string(op));
         }
