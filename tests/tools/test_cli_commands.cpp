@@ -222,12 +222,8 @@ TEST_F(ToolTest, ExitCodesAndHelpAtEveryLevel)
         const char *says = "";
     };
     const Run runs[] = {
-        {{"--help"}, 0}, {{"help"}, 0}, {{"help", "check"}, 0}, {{"card", "--help"}, 0},
-        {{"card", "create", "--help"}, 0}, {{"load", "--help"}, 0}, {{"write", "-h"}, 0},
-        {{"read", "--help"}, 0}, {{"delete", "--help"}, 0}, {{"ssram", "--help"}, 0},
-        {{"lookup", "--help"}, 0}, {{"dump", "--help"}, 0}, {{"history", "--help"}, 0},
-        {{"debug", "--help"}, 0}, {{"parity", "--help"}, 0}, {{"check", "--help"}, 0},
-        {{"demo", "--help"}, 0}, {{"--version"}, 0},
+        {{"--help"}, 0}, {{"help", "check"}, 0}, {{"card", "create", "--help"}, 0},
+        {{"write", "-h"}, 0}, {{"--version"}, 0},
         {{"parity", "fib", "5", "--sloc"}, 1}, // empty: no copy
         {{}, 2}, {{"nosuch"}, 2}, {{"--bogus", "check"}, 2}, {{"check", "--count", "3"}, 2},
         {{"card"}, 2}, {{"dump"}, 2, "tcamwrap-sim dump: say lmt or tcam"},
@@ -417,17 +413,6 @@ TEST_F(ToolTest, LoadsRouteFilesAndRefusesBadLines)
 
 // ---- check, repairs, diagnostics --------------------------------------------
 
-TEST_F(ToolTest, CheckFindsNoDifferenceOnALoadedCard)
-{
-    // ACLI rules with ACL-priority byte 0 share the flow-result memory, one
-    // word per pair of locations: the load must keep them apart.
-    small_card();
-    EXPECT_EQ(ok({"load", "--generate", "1500", "--acl", "200", "--seed", "2"}).err, "");
-    const ToolRun r = ok({"check", "--json"});
-    EXPECT_TRUE(r.has("\"passed\":true")) << r.out;
-    EXPECT_TRUE(r.has("\"tables\":6")) << r.out;
-}
-
 // Store edits that a restart must find and repair; after the repair 'check'
 // passes again.
 TEST_F(ToolTest, CheckReportsStoreEditsAndTheNextRestartRepairsThem)
@@ -485,52 +470,14 @@ TEST_F(ToolTest, CheckReportsStoreEditsAndTheNextRestartRepairsThem)
     }
 }
 
-// A client killed in the middle of an overwrite: the next client finds what the
-// crash left (a journal record or nothing) and completes or undoes the overwrite.
-TEST_F(ToolTest, AClientKilledInAnOverwriteIsRepairedByTheNext)
-{
-    struct Case {
-        const char *fault;
-        bool journal_left; // the first check finds the overwrite record
-        bool new_entry;    // after the restart the loc holds the new route
-    };
-    const Case cases[] = {
-        {"crash=camindex.PRE_ADD:1", false, false}, {"crash=kvs_store:1", false, false},
-        {"crash=camindex.POST_ADD:1", true, true},  {"crash=camindex.PRE_DEL:1", true, true},
-        {"crash=camindex.POST_DEL:1", true, true},  {"crash=kvs_delete:1", true, true},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.fault);
-        tool({"card", "reset"});
-        small_card();
-        ok({"write", "fib", "9", "--inst", "0", "--route", "10.9.0.0/16", "--next-hop",
-            "192.0.2.1"});
-        const ToolRun killed = tool({"write", "fib", "9", "--inst", "0", "--route", "10.9.9.0/24",
-                                     "--next-hop", "192.0.2.2"},
-                                    c.fault);
-        EXPECT_EQ(killed.code, 137) << killed.out << killed.err;
-        EXPECT_NE(killed.err.find("injected crash"), std::string::npos) << killed.err;
-
-        ToolRun r = tool({"check", "--json"});
-        EXPECT_EQ(r.code, c.journal_left ? 1 : 0) << r.out << r.err;
-        EXPECT_EQ(r.has("\"kind\":\"journal\""), c.journal_left) << r.out;
-        EXPECT_EQ(r.has("\"journal_records\":1"), c.journal_left) << r.out;
-        EXPECT_TRUE(r.has("\"running\":0")) << r.out;
-
-        EXPECT_TRUE(ok({"lookup", "fib", "10.9.9.9"})
-                        .has(c.new_entry ? "(loc 0x9): 10.9.9.0/24 prio 24 -> next hop 192.0.2.2"
-                                         : "(loc 0x9): 10.9.0.0/16 prio 16 -> next hop 192.0.2.1"));
-        // One entry in the hardware: the other copy is gone.
-        EXPECT_TRUE(ok({"card", "show", "--json"})
-                        .has("{\"inst\":0,\"hw_entries\":1,\"mapped_locs\":1}"));
-        EXPECT_TRUE(ok({"check"}).has("check passed"));
-    }
-}
-
 TEST_F(ToolTest, ParityErrorsAreRepairedFromTheEngineCopy)
 {
+    // ACLI rules with ACL-priority byte 0 share the flow-result memory, one
+    // word per pair of locations: the load must keep them apart.
     small_card();
-    ok({"load", "--generate", "400", "--seed", "3"});
+    EXPECT_EQ(ok({"load", "--generate", "400", "--acl", "200", "--seed", "2"}).err, "");
+    const ToolRun check = ok({"check", "--json"});
+    EXPECT_TRUE(check.has("\"passed\":true") && check.has("\"tables\":6")) << check.out;
     const ToolRun r = ok({"parity", "fib", "1", "2", "3"});
     std::size_t repaired = 0;
     for (auto p = r.out.find("damaged, repaired"); p != std::string::npos;
@@ -555,11 +502,8 @@ TEST_F(ToolTest, DemoGivesTheRightVerdictWhereverTheCrashFalls)
     const Case cases[] = {
         // The FIB alone: what a crash repairs, apart from the ACL tables.
         {"PRE_ADD", "0", "{\"fib\":2910,\"acli\":0,\"aclo\":0}", 0},
-        {"POST_ADD", "0", "{\"fib\":2910,\"acli\":0,\"aclo\":0}", 1},
-        {"PRE_DEL", "0", "{\"fib\":2910,\"acli\":0,\"aclo\":0}", 1},
         {"POST_DEL", "0", "{\"fib\":2910,\"acli\":0,\"aclo\":0}", 1},
         {"", "100", "{\"fib\":2910,\"acli\":98,\"aclo\":98}", -1}, // 3% and 2% deleted
-        {"", "100", "{\"fib\":2910,\"acli\":98,\"aclo\":98}", -1},
     };
     for (std::size_t i = 0; i < std::size(cases); ++i) {
         const Case &c = cases[i];
