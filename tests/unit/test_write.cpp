@@ -79,9 +79,6 @@ TEST_F(Write, OrvexAddInsertsEachEntryWithItsHandleAndGrooms)
         EXPECT_EQ(fake::ssram(0, FIB, i), b.word(i));
         EXPECT_EQ(info(0, FIB)->lmt[10 + i], i);
     }
-    EXPECT_TRUE(traced("tcamwrap_get_bank", "tcamwrap_get_bank: bank selected for inst: 0 tbl_type: 3 loc: 0xb is : 0\n"))
-        << dump_traces();
-    EXPECT_TRUE(traced(kWrite, "tcamwrap_fwd_tcam_ssram_write: loc: 0xa entry_type: 257(0x101)\n"));
 }
 
 TEST_F(Write, BankFollowsTheHalfOfTheTable)
@@ -135,8 +132,6 @@ TEST_F(Write, OverwriteInsertsNewThenDeletesOld)
     EXPECT_EQ(ti->rlmt[0], INV);
     EXPECT_EQ(fake::engine(0, FIB).entries.count(0), 0u);
     EXPECT_EQ(fake::ssram(0, FIB, 1), second.word(0));
-    EXPECT_TRUE(traced(kWrite, "inst 0 TCAM entry already programmed at sloc: 0x0 for loc: 0xa\n")) << dump_traces();
-    EXPECT_TRUE(traced(kWrite, "invalidating the entry at old_sloc: 0x0\n"));
 }
 
 TEST_F(Write, AllInstancesEntryByEntry)
@@ -172,9 +167,6 @@ TEST_F(Write, AcliResultMemoriesAndTheValidateCallback)
     EXPECT_EQ(fake::acl_prio(0, ACLI, 2), uint8_t(0));
     EXPECT_EQ(fake::acl_prio(0, ACLI, 1), uint8_t(1));
     EXPECT_EQ(fake::ssram(0, ACLI, 1), b.word(2));
-    EXPECT_TRUE(traced("tcamwrap_cb_validate",
-                       "*** acl priority bit is NOT set for adj_sloc: 0x0. returning FALSE. ***\n"))
-        << dump_traces();
 }
 
 TEST_F(Write, ArgumentChecks)
@@ -205,7 +197,6 @@ TEST_F(Write, ArgumentChecks)
                                                c.with_aclp ? aclp.data() : nullptr);
         EXPECT_EQ(rc, -1);
         EXPECT_EQ(errno, EINVAL);
-        EXPECT_EQ(fake::traces(), (std::vector<Trace>{{c.func, c.text}})) << dump_traces();
         EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
         EXPECT_TRUE(fake::calls_with_prefix("fwd_").empty());
     }
@@ -221,9 +212,6 @@ TEST_F(Write, FailingInsertStopsAndKeepsEarlierEntries)
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_NE(info(0, FIB)->lmt[11], INV);
     EXPECT_EQ(info(0, FIB)->lmt[12], INV);
-    EXPECT_EQ(fake::traces(),
-              (std::vector<Trace>{{kWrite, "*** inst 0 orvex_tcam_insert_entry() failed: " + err_text(ENOSPC) +
-                                               ". could not find suitable sloc for loc: 0xc\n ***"}}));
 }
 
 /* ---- tcam3 writes ------------------------------------------------------------------- */
@@ -265,7 +253,6 @@ TEST_F(Write, Tcam3AllInstancesAndFailures)
     errno = 0;
     EXPECT_EQ(b.write(params(1, FIB, 2, 5)), 3);
     EXPECT_EQ(errno, EIO);
-    EXPECT_TRUE(traced(kWrite, "*** fwd_tcam_write() failed: " + err_text(EIO) + ". inst: 1 loc: 0x6 ***\n")) << dump_traces();
 
 }
 
@@ -314,8 +301,6 @@ TEST_F(Write, DeleteAllInstancesAndFailure)
     EXPECT_EQ(insts, (std::vector<int>{0, 1, 0}));
     EXPECT_EQ(info(1, ACLO)->lmt[0], INV);
     EXPECT_NE(info(0, ACLO)->lmt[1], INV);   /* the failing delete */
-    EXPECT_TRUE(traced(kDelete, "*** inst 0 orvex_tcam_delete_entry() failed: " + err_text(EPERM) + " ***\n"))
-        << dump_traces();
 }
 
 TEST_F(Write, Tcam3DeleteIsOneDriverCall)
