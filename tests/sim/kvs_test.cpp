@@ -68,27 +68,6 @@ Records walk(uint32_t handle)
 // std::string orders as the store must: memcmp order, a key before its extensions.
 Records records(const Model &m) { return {m.begin(), m.end()}; }
 
-TEST(SimKvs, KeysWalkInByteOrderAndSeekFindsTheFirstKeyNotBelow)
-{
-    StoreState state;
-    Model model;
-    for (const std::string &k : std::vector<std::string>{"b", "a", "ab", {"a\0", 2}, {"\0", 1}, "\xff", "aa"}) {
-        ASSERT_EQ(put(kHandle, k, "v" + k), 0);
-        model[k] = "v" + k;
-    }
-    EXPECT_EQ(walk(kHandle), records(model));
-    int err = -1;
-
-    const struct {
-        std::string seek, want;
-    } cases[] = {{"ab", "ab"}, {"a\x01", "aa"}, {"ab\x01", "b"}, {"", std::string("\0", 1)}, {"\xff\x01", "<none>"}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.seek);
-        EXPECT_EQ(text_of(seek(kHandle, c.seek, err)), c.want);
-        EXPECT_EQ(err, 0);
-    }
-}
-
 TEST(SimKvs, WalkSurvivesDeletesAroundTheCursorAndCopiesItsBuffers)
 {
     StoreState state;
