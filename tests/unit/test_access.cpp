@@ -53,7 +53,6 @@ TEST_F(Access, SsramWriteFailuresAndPassThrough)
     /* tcam3: the caller's request in one call, and its failure text. */
     orvex(ACLI, false);
     fake::clear_calls();
-    fake::clear_traces();
     Bytes w3 = words(3, 9);
     tbl_params q = params(254, ACLI, 3, 20, 0x5);
     errno = 0;
@@ -64,7 +63,6 @@ TEST_F(Access, SsramWriteFailuresAndPassThrough)
     EXPECT_EQ(std::memcmp(&wr[0].p, &q, sizeof q), 0);
 
     fake::clear_failures();
-    fake::clear_traces();
     EXPECT_EQ(tcamwrap_fwd_ssram_write(&q, w3.data()), 0);
     EXPECT_EQ(fake::ssram(254, ACLI, 22), slice(w3, 10, 5));
 }

@@ -150,7 +150,10 @@ TEST_F(Core, PrintKeyIsBigEndianHex)
     uint16_t prio = 0xBEEF;
     tcamwrap_print_key("a", ACLI, key, &prio);
     tcamwrap_print_key("f", FIB, key, &prio);
-    EXPECT_EQ(texts(fake::traces()),
+    std::vector<std::string> got;
+    for (const fake::HistEvent &h : fake::hist_events())
+        got.push_back(h.text);
+    EXPECT_EQ(got,
               (std::vector<std::string>{
                   "a: val[f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff0001] mask[02030405060708090a0b0c0d0e0f10111213] "
                   "prio: beef\n",

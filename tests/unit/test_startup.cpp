@@ -107,7 +107,7 @@ TEST_F(Startup, RestoreCallbackRecordsHardwareEntriesInsideTheTable)
     for (uint32_t s : {3u, 9u, 3u})
         EXPECT_EQ(tcamwrap_cb_orvex_tcam_restore(t.handle(), s, w, w, 72, 0, 0, 0), 0);
     EXPECT_EQ(t.handle()->restored_entries, 3u);
-    EXPECT_TRUE(fake::traces().empty());
+    EXPECT_TRUE(fake::hist_events().empty());
     for (uint32_t s : {16u, 0xFFFFFFF0u})
         tcamwrap_cb_orvex_tcam_restore(t.handle(), s, w, w, 72, 0, 0, 0);
     for (uint32_t s = 0; s < 16; ++s)

@@ -27,7 +27,6 @@
 namespace tw {
 
 using fake::Bytes;
-using fake::Trace;
 
 constexpr uint32_t INV = 0xFFFFFFFFu;
 constexpr uint32_t ACLI = TCAMWRAP_TBL_ACLI;
@@ -43,17 +42,6 @@ inline std::string fmt(const char *f, ...)
     std::vsnprintf(buf, sizeof buf, f, ap);
     va_end(ap);
     return buf;
-}
-
-inline std::string err_text(int e) { return std::strerror(e); }
-
-/* A message text with its one "%s" replaced by an error text. */
-inline std::string with_error(std::string text, const std::string &error)
-{
-    size_t at = text.find("%s");
-    if (at != std::string::npos)
-        text.replace(at, 2, error);
-    return text;
 }
 
 /* The library keeps its tables for the life of the process and a new start
@@ -203,31 +191,6 @@ inline std::vector<std::string> split_at_nul(const std::string &s)
         else
             out.emplace_back();
     return out;
-}
-
-inline std::vector<std::string> texts(const std::vector<Trace> &t)
-{
-    std::vector<std::string> out;
-    for (const Trace &x : t)
-        out.push_back(x.text);
-    return out;
-}
-
-/* Whether a trace with exactly this function name and text fired. */
-inline bool traced(const std::string &func, const std::string &text)
-{
-    for (const Trace &t : fake::traces())
-        if (t.func == func && t.text == text)
-            return true;
-    return false;
-}
-
-inline std::string dump_traces()
-{
-    std::string s;
-    for (const Trace &t : fake::traces())
-        s += t.func + ": " + t.text + (t.text.empty() || t.text.back() != '\n' ? "\n" : "");
-    return s;
 }
 
 }  // namespace tw

@@ -47,7 +47,6 @@ protected:
         ASSERT_EQ(start(types, 0, 0), 0);
         level(lvl);
         fake::clear_calls();
-        fake::clear_traces();
     }
     static std::string journal_key() { return fake::store_key(prefix_str(), 3, 0, 3, 0); }
 };
@@ -108,7 +107,6 @@ TEST_F(Write, OverwriteInsertsNewThenDeletesOld)
     Batch first(FIB, 1, 1), second(FIB, 1, 2);
     ASSERT_EQ(first.write(params(0, FIB, 1, 10)), 0);
     fake::clear_calls();
-    fake::clear_traces();
 
     using Seen = std::tuple<uint32_t, int, bool, uint32_t>;   /* op, phase, journal stored, LMT[10] */
     std::vector<Seen> seen;
@@ -190,7 +188,6 @@ TEST_F(Write, ArgumentChecks)
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         fake::clear_calls();
-        fake::clear_traces();
         tbl_params p = params(0, c.tbl, c.n, 0);
         errno = 0;
         int rc = tcamwrap_fwd_tcam_ssram_write(c.np ? nullptr : &p, keys.data(), prio, c.ns ? nullptr : ssram.data(),
@@ -264,7 +261,6 @@ TEST_F(Write, OrvexDeleteClearsTheMapsThroughTheCallbacks)
     Batch b(FIB, 3, 1);
     ASSERT_EQ(b.write(params(0, FIB, 3, 10, 0x42)), 0);
     fake::clear_calls();
-    fake::clear_traces();
     tbl_params p = params(0, FIB, 2, 10, 0x42);
     ASSERT_EQ(tcamwrap_fwd_tcam_delete(&p), 0);
     tcam_info *ti = info(0, FIB);
