@@ -127,31 +127,5 @@ TEST(SimFwd, RequestsOutsideAMemoryFailWithEinvalAndWriteNothing)
     EXPECT_EQ(got, Bytes(5, 0));
 }
 
-TEST(SimFwd, EveryCallPassesFaultInjection)
-{
-    ScopedSimState state(kCard);
-    Bytes buf(64, 0);
-    for (const DriverCall &d : driver_calls()) {
-        SCOPED_TRACE(d.name);
-        ASSERT_EQ(sim_fault_set((std::string("fail=") + d.name + ":2:EIO").c_str()), 0);
-        auto p = params(0, kAcli, 0);
-        uint64_t before = sim_calls_get(d.name);
-        EXPECT_EQ(d.call(&p, buf.data()), 0);
-        errno = 0;
-        EXPECT_EQ(d.call(&p, buf.data()), -1);
-        EXPECT_EQ(errno, EIO);
-        EXPECT_EQ(d.call(&p, buf.data()), 0);
-        EXPECT_EQ(sim_calls_get(d.name), before + 3);
-    }
-    ASSERT_EQ(sim_fault_set("fail=fwd_get_cfg_info:1:ENODEV,fail=get_card_tcam_types:1:ENODEV"), 0);
-    errno = 0;
-    EXPECT_EQ(fwd_get_cfg_info(0, buf.data()), -1);
-    EXPECT_EQ(errno, ENODEV);
-    errno = 0;
-    EXPECT_EQ(get_card_tcam_types(reinterpret_cast<uint32_t *>(buf.data())), -1);
-    EXPECT_EQ(errno, ENODEV);
-    sim_fault_set(nullptr);
-}
-
 }  // namespace
 }  // namespace tcamwrap::sim::test
