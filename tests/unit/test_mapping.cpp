@@ -84,46 +84,12 @@ TEST_F(Mapping, PreAddStoresTheSegmentOfTheLoc)
 
 /* ---- the overwrite journal --------------------------------------------------- */
 
-TEST_F(Mapping, OverwriteJournalLifecycle)
-{
-    tcam_info *ti = fresh(FIB, 1024);
-    add(ti, 5, 9);
-    fake::clear_calls();
-
-    /* PRE_ADD of the new copy: journal stored, LMT unchanged. */
-    prepare(&ti->cb_handle, 5, TCAMWRAP_OPER_OVERWRITE, 1, make_word(2));
-    EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_PRE_ADD, INV, 20), 0);
-    EXPECT_EQ(ti->lmt[5], 9u);
-    EXPECT_EQ(ti->rlmt[9], 5u);
-    EXPECT_EQ(ti->rlmt[20], INV);
-    ASSERT_EQ(fake::store().count(journal_key(0, 3)), 1u);
-    EXPECT_EQ(fake::store()[journal_key(0, 3)], journal_value(5, 9, 20));
-    EXPECT_EQ(fake::calls_of("kvs_store").size(), 1u);   /* the journal only, no segment */
-    EXPECT_EQ(fake::ssram(0, FIB, 20), make_word(2));
-
-    /* POST_ADD and PRE_DEL change nothing. */
-    EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_POST_ADD, INV, 20), 0);
-    EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_PRE_DEL, 9, INV), 0);
-    EXPECT_EQ(ti->lmt[5], 9u);
-    EXPECT_EQ(fake::store().count(journal_key(0, 3)), 1u);
-
-    /* POST_DEL of the old copy: LMT switched, segment stored, then journal deleted. */
-    fake::clear_calls();
-    EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_POST_DEL, 9, INV), 0);
-    EXPECT_EQ(ti->lmt[5], 20u);
-    EXPECT_EQ(ti->rlmt[20], 5u);
-    EXPECT_EQ(ti->rlmt[9], INV);
-    EXPECT_EQ(fake::store().count(journal_key(0, 3)), 0u);
-    EXPECT_EQ(fake::store()[seg_key(0, 3, 0)], words_image(ti->lmt, 1024));
-    EXPECT_EQ(fake::call_names({"kvs_store", "kvs_delete"}), (std::vector<std::string>{"kvs_store", "kvs_delete"}));
-}
-
 TEST_F(Mapping, JournalOfAnotherTableIsNotRead)
 {
     tcam_info *ti = fresh(FIB, 64);
     add(ti, 5, 9);
     /* The first key at or after {3,0,3,0} is another table's journal. */
-    fake::store()[fake::store_key(prefix_str(), 3, 1, 3, 0)] = journal_value(5, 9, 30);
+    fake::store()[journal_key(1, 3)] = journal_value(5, 9, 30);
     ti->cb_handle.oper = TCAMWRAP_OPER_OVERWRITE;
     EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_POST_DEL, 9, INV), 0);
     /* Nothing may be indexed with the invalid marker. */

@@ -121,6 +121,10 @@ TEST_F(Write, OverwriteInsertsNewThenDeletesOld)
                                        {2, 0, true, 0}, {2, 1, true, 0}, {3, 0, true, 0}, {3, 1, false, 1}}));
     EXPECT_EQ(fake::call_names({"orvex_"}),
               (std::vector<std::string>{"orvex_tcam_insert_entry", "orvex_tcam_delete_entry", "orvex_tcam_groom"}));
+    /* Journal, then the switched segment, and only then the journal goes. */
+    EXPECT_EQ(fake::call_names({"kvs_store", "kvs_delete"}),
+              (std::vector<std::string>{"kvs_store", "kvs_store", "kvs_delete"}));
+    EXPECT_EQ(fake::store()[fake::store_key(prefix_str(), 2, 0, 3, 0)], words_image(info(0, FIB)->lmt, 1024));
     auto del = fake::calls_of("orvex_tcam_delete_entry");
     EXPECT_EQ(handle_of(fake::calls_of("orvex_tcam_insert_entry")[0]).oper, TCAMWRAP_OPER_OVERWRITE);
     EXPECT_EQ(handle_of(del[0]).oper, TCAMWRAP_OPER_OVERWRITE);
