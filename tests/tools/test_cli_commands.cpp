@@ -5,10 +5,8 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
 #include <csignal>
@@ -17,9 +15,7 @@
 #include <vector>
 
 #include "client.hpp"
-#include "keys.hpp"
 #include "sim_card.h"
-#include "sim_hw.h"
 #include "sim_kvs.h"
 
 namespace cli = tcamwrap::cli;
@@ -105,53 +101,6 @@ class ToolTest : public ::testing::Test
 
     fs::path root_, state_;
 };
-
-// ---- the store as the library keeps it -----------------------------------
-
-kvs_buf record_key(std::vector<uint8_t> &bytes, uint8_t type, uint8_t tbl, uint8_t last)
-{
-    bytes.assign(cli::kKeyPrefix, cli::kKeyPrefix + cli::kKeyPrefixLen);
-    bytes.insert(bytes.end(), {type, 0, tbl, last}); // instance 0
-    return kvs_buf{bytes.data(), static_cast<uint32_t>(bytes.size())};
-}
-
-std::vector<uint32_t> read_segment(uint8_t seg)
-{
-    std::vector<uint8_t> kb;
-    kvs_buf key = record_key(kb, cli::kRecLmtSegment, TCAMWRAP_TBL_FIB, seg);
-    int err = 0;
-    kvs_buf *at = kvs_move2key(cli::kKvsHandle, &key, &err);
-    if (at == nullptr || at->len != key.len || std::memcmp(at->data, key.data, key.len) != 0) {
-        ADD_FAILURE() << "no LMT segment " << int(seg) << " in the store";
-        return {};
-    }
-    kvs_buf *value = kvs_getvalue(cli::kKvsHandle, &err);
-    EXPECT_EQ(err, 0);
-    std::vector<uint32_t> words(value->len / 4);
-    std::memcpy(words.data(), value->data, value->len);
-    return words;
-}
-
-void store(uint8_t type, uint8_t last, void *data, std::size_t len)
-{
-    std::vector<uint8_t> kb;
-    kvs_buf key = record_key(kb, type, TCAMWRAP_TBL_FIB, last);
-    kvs_buf value{static_cast<uint8_t *>(data), static_cast<uint32_t>(len)};
-    ASSERT_EQ(kvs_store(cli::kKvsHandle, 1, &key, &value), 0);
-}
-
-// A FIB sloc of instance 0 that holds nothing and that no loc maps to.
-uint32_t empty_sloc(const std::set<uint32_t> &mapped, uint32_t size)
-{
-    for (uint32_t s = size / 2 - 1; s > 0; --s) {
-        uint8_t valid = 1;
-        EXPECT_EQ(sim_hw_tcam_get(0, TCAMWRAP_TBL_FIB, s, &valid, nullptr, nullptr), 0);
-        if (valid == 0 && mapped.count(s) == 0)
-            return s;
-    }
-    ADD_FAILURE() << "no empty sloc";
-    return 0;
-}
 
 // ---- exit codes and help -------------------------------------------------------
 
@@ -331,63 +280,6 @@ TEST_F(ToolTest, AclEntriesOnOrvexAndTcam3Tables)
 }
 
 // ---- check, repairs, diagnostics --------------------------------------------
-
-// Store edits that a restart must find and repair; after the repair 'check'
-// passes again.
-TEST_F(ToolTest, CheckReportsStoreEditsAndTheNextRestartRepairsThem)
-{
-    struct Case {
-        const char *name;
-        std::vector<std::string> kinds; // reported by the first check
-        bool entry_kept;                // the edited loc still holds its entry afterwards
-    };
-    const Case cases[] = {
-        {"loc points at a wrong, empty sloc", {"sloc-empty", "hw-unowned"}, false},
-        {"loc forgotten by the store", {"hw-unowned"}, false},
-        {"journal record whose new copy never reached the hardware", {"journal"}, true},
-    };
-    const uint32_t loc = 7;
-    for (std::size_t c = 0; c < std::size(cases); ++c) {
-        SCOPED_TRACE(cases[c].name);
-        tool({"card", "reset"});
-        small_card();
-        ok({"load", "--generate", "800", "--seed", std::to_string(10 + c)});
-        const std::string before = ok({"read", "fib", std::to_string(loc)}).out;
-
-        std::vector<uint32_t> lmt = read_segment(0);
-        const std::vector<uint32_t> seg1 = read_segment(1);
-        ASSERT_EQ(lmt.size(), 1024u);
-        std::set<uint32_t> mapped(lmt.begin(), lmt.end());
-        mapped.insert(seg1.begin(), seg1.end());
-        uint32_t old_sloc = lmt[loc];
-        ASSERT_NE(old_sloc, TCAMWRAP_INVALID_LOC);
-        uint32_t wrong = empty_sloc(mapped, 2048);
-        if (c == 2) {
-            uint32_t rec[3] = {loc, old_sloc, wrong};
-            store(cli::kRecOverwrite, 0, rec, sizeof rec);
-        } else {
-            lmt[loc] = c == 0 ? wrong : TCAMWRAP_INVALID_LOC;
-            store(cli::kRecLmtSegment, 0, lmt.data(), lmt.size() * 4);
-        }
-
-        ToolRun r = tool({"check", "--json"});
-        EXPECT_EQ(r.code, 1) << r.out << r.err;
-        for (const std::string &kind : cases[c].kinds)
-            EXPECT_TRUE(r.has("\"kind\":\"" + kind + "\"")) << kind << ": " << r.out;
-        EXPECT_TRUE(r.has("\"found\":" + std::to_string(cases[c].kinds.size()))) << r.out;
-        // The check's own start was a restart: it repaired, and the running
-        // audit after it is clean.
-        EXPECT_TRUE(r.has("\"running\":0")) << r.out;
-
-        const ToolRun after = ok({"read", "fib", std::to_string(loc)});
-        if (cases[c].entry_kept)
-            EXPECT_EQ(after.out, before);
-        else
-            EXPECT_TRUE(after.has("fib inst 0 loc 0x7: unused")) << after.out;
-        EXPECT_TRUE(ok({"read", "fib", std::to_string(loc), "--inst", "1"}).has("sloc"));
-        EXPECT_TRUE(ok({"check"}).has("check passed"));
-    }
-}
 
 TEST_F(ToolTest, ParityErrorsAreRepairedFromTheEngineCopy)
 {
