@@ -10,6 +10,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -426,9 +428,11 @@ class JobRunner
 {
   public:
     JobRunner(const Sweep &s, std::string dir, ClientReport *report)
-        : s_(s), dir_(std::move(dir)), snap_(dir_ + ".crashed"), r_(report)
+        : s_(s), dir_(std::move(dir)), snap_(dir_ + ".crashed"), asserts_(dir_ + ".asserts"),
+          r_(report)
     {
         ::setenv(SIM_STATE_ENV, dir_.c_str(), 1);
+        ::setenv("TCAMWRAP_ASSERT_FILE", asserts_.c_str(), 1);
         ::unsetenv(SIM_PROFILE_ENV);
     }
 
@@ -491,6 +495,20 @@ class JobRunner
         const int st = fork_client(r_, [&] { return client_verify(c, r_); });
         if (!WIFEXITED(st) || WEXITSTATUS(st) != 0 || r_->verified == 0)
             problem(r_, "client", "the verifying client ended with status " + std::to_string(st));
+        check_asserts();
+    }
+
+    // The library's assertions state its invariants: none may fire in any run,
+    // crashed, failed or clean.
+    void check_asserts()
+    {
+        std::ifstream in(asserts_, std::ios::binary);
+        const std::string text((std::istreambuf_iterator<char>(in)), {});
+        const size_t at = text.find("ASSERT:");
+        if (at != std::string::npos)
+            problem(r_, "assert", text.substr(at, text.find('\n', at) - at));
+        std::error_code ec;
+        fs::remove(asserts_, ec);
     }
 
     // Every point of the restart after one first crash: the card as the crash
@@ -560,7 +578,7 @@ class JobRunner
     }
 
     const Sweep &s_;
-    std::string dir_, snap_;
+    std::string dir_, snap_, asserts_;
     ClientReport *r_;
 };
 
