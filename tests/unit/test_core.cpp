@@ -69,6 +69,8 @@ TEST_F(Core, SetDebugLevel)
         EXPECT_EQ(tcamwrap_gl_db.debug_level, c.after);
         EXPECT_EQ(errno, c.rc ? EINVAL : 0);
     }
+    EXPECT_EQ(tcamwrap_set_debug_elem(0x51), 0);
+    EXPECT_EQ(tcamwrap_gl_db.debug_elem, 0x51u);
 }
 
 /* ---- the trace mechanism ----------------------------------------------------- */

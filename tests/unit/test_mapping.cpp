@@ -86,6 +86,7 @@ TEST_F(Mapping, PreAddStoresTheSegmentOfTheLoc)
 
 TEST_F(Mapping, JournalOfAnotherTableIsNotRead)
 {
+    asserts_expected_ = true;   /* the missing record is reported */
     tcam_info *ti = fresh(FIB, 64);
     add(ti, 5, 9);
     /* The first key at or after {3,0,3,0} is another table's journal. */
@@ -100,6 +101,7 @@ TEST_F(Mapping, JournalOfAnotherTableIsNotRead)
 
 TEST_F(Mapping, PostDelByOper)
 {
+    asserts_expected_ = true;   /* an unexpected oper is reported */
     struct {
         uint32_t oper;
         bool invalidates;
@@ -126,6 +128,21 @@ TEST_F(Mapping, PostDelByOper)
             EXPECT_TRUE(fake::calls_with_prefix("kvs_").empty());
         }
     }
+}
+
+/* Callbacks of an oper they do not expect are reported and change nothing. */
+TEST_F(Mapping, UnexpectedOpersChangeNothing)
+{
+    asserts_expected_ = true;
+    tcam_info *ti = fresh(FIB, 64);
+    add(ti, 12, 40);
+    ti->cb_handle.oper = TCAMWRAP_OPER_MOVE;
+    EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_PRE_ADD, INV, 41), 0);
+    ti->cb_handle.oper = TCAMWRAP_OPER_ADD;
+    EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_POST_MOVE, 40, 41), 0);   /* the engine's move is done */
+    EXPECT_EQ(ti->lmt[12], 40u);
+    EXPECT_EQ(ti->rlmt[41], INV);
+    expect_maps_consistent(ti);
 }
 
 /* ---- moves ----------------------------------------------------------------------- */

@@ -13,9 +13,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include "fake_platform.h"
 #include "tcamwrap_api.h"
@@ -86,9 +89,14 @@ protected:
         std::memset(&tcamwrap_gl_db, 0, sizeof tcamwrap_gl_db);
         std::memset(tcamwrap_hist_str, 0, sizeof tcamwrap_hist_str);
         errno = 0;
+        /* A report file of this process: an assertion no test asked for fails the test. */
+        setenv("TCAMWRAP_ASSERT_FILE", report_.c_str(), 1);
     }
     void TearDown() override
     {
+        EXPECT_TRUE(asserts_expected_ || access(report_.c_str(), F_OK) != 0)
+            << "the library reported an assertion:\n" << std::ifstream(report_).rdbuf();
+        std::remove(report_.c_str());
         /* Tables owned by the test die with it: nothing may point at them. */
         keep_library_tables();
         std::memset(&tcamwrap_gl_db, 0, sizeof tcamwrap_gl_db);
@@ -106,6 +114,8 @@ protected:
     }
 
     std::vector<std::unique_ptr<Table>> tables_;
+    bool asserts_expected_ = false;
+    const std::string report_ = "/tmp/tcamwrap-unit-assert-" + std::to_string(getpid());
 };
 
 /* The store key prefix used by every test that starts the library. */
