@@ -140,6 +140,9 @@ TEST_F(Mapping, UnexpectedOpersChangeNothing)
     EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_PRE_ADD, INV, 41), 0);
     ti->cb_handle.oper = TCAMWRAP_OPER_ADD;
     EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_POST_MOVE, 40, 41), 0);   /* the engine's move is done */
+    tcamwrap_cb_handle unmanaged = ti->cb_handle;   /* no table on instance 1 */
+    unmanaged.inst = 1, unmanaged.oper = TCAMWRAP_OPER_ADD;
+    EXPECT_EQ(cam(&unmanaged, TCAMWRAP_CB_PRE_ADD, INV, 41), 0);
     EXPECT_EQ(ti->lmt[12], 40u);
     EXPECT_EQ(ti->rlmt[41], INV);
     expect_maps_consistent(ti);
