@@ -6,9 +6,6 @@
 namespace tw {
 namespace {
 
-const char *const kWrite = "tcamwrap_fwd_tcam_ssram_write";
-const char *const kDelete = "tcamwrap_fwd_tcam_delete";
-
 /* The caller's buffers of a write of n entries. */
 struct Batch {
     uint32_t tbl;
@@ -180,14 +177,11 @@ TEST_F(Write, ArgumentChecks)
         const char *name;
         uint32_t tbl, n;
         bool np, ns, with_aclp;
-        std::string func, text;
     } cases[] = {
-        {"null params", FIB, 1, true, false, false, kWrite, "*** NULL params ***\n"},
-        {"null ssram", FIB, 1, false, true, false, kWrite, "*** NULL params ***\n"},
-        {"bad type", 5, 1, false, false, false, "tcamwrap_validate_tbl_type", "*** tbl_type: 5 is not valid ***\n"},
-        {"ACLI without acl prio", ACLI, 1, false, false, false, kWrite,
-         "*** acl prio buff is not passed for ACLI TCAM ***\n"},
-        {"FIB with acl prio", FIB, 1, false, false, true, kWrite, "*** acl prio buff is passed for non ACLI TCAM ***\n"},
+        {"null params", FIB, 1, true, false, false}, {"null ssram", FIB, 1, false, true, false},
+        {"bad type", 5, 1, false, false, false},     {"no entries", FIB, 0, false, false, false},
+        {"ACLI without acl prio", ACLI, 1, false, false, false},
+        {"FIB with acl prio", FIB, 1, false, false, true},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
