@@ -9,3 +9,4 @@ for preset in dev asan-ubsan ppc-qemu; do
   echo "=== ${preset} ===" >&2
   cmake --workflow --preset "${preset}"
 done
+scripts/test-ratio.sh

@@ -7,7 +7,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <tuple>
 
 namespace fake {
@@ -44,19 +43,15 @@ struct State {
     std::vector<LogEvent> log;
     int subtype_check_result = 0;
     int chk_int_result = 0;
-    int show_hist_result = 0;
 
     std::map<std::string, std::string> store;
     Cursor cursor;
-    int delete_missing_result = 0;
     std::map<int, std::string> errtexts;
 
     std::map<std::pair<unsigned, uint32_t>, EngineTable> engines;
-    std::map<std::pair<unsigned, uint32_t>, std::deque<uint32_t>> next_slocs;
     bool ask_validate = false;
     std::vector<std::pair<uint32_t, uint8_t>> validate_answers;
     std::function<void(const CamindexEvent &)> observer;
-    std::vector<CamindexEvent> camindex_events;
     Stats stats[2] = {};
     std::vector<WalkEntry> walk;
     int walk_result = 0;
@@ -172,7 +167,6 @@ int call_camindex(unsigned inst, uint32_t tbl, EngineTable &t, uint32_t op, uint
     int r = t.camindex ? t.camindex(t.camindex_handle, 0, 0, op, old_sloc, new_sloc) : 0;
     ev.phase = 1;
     ev.result = r;
-    st().camindex_events.push_back(ev);
     if (st().observer)
         st().observer(ev);
     return r;
@@ -204,15 +198,8 @@ bool accepted(EngineTable &t, uint32_t sloc)
     return ok != 0;
 }
 
-std::optional<uint32_t> choose_sloc(unsigned inst, uint32_t tbl, EngineTable &t, uint8_t bank)
+std::optional<uint32_t> choose_sloc(EngineTable &t, uint8_t bank)
 {
-    auto &queue = st().next_slocs[{inst, tbl}];
-    if (!queue.empty()) {
-        uint32_t s = queue.front();
-        queue.pop_front();
-        if (accepted(t, s))
-            return s;
-    }
     uint32_t lo = 0, hi = 0;
     if (!bank_range(t, bank, lo, hi))
         return std::nullopt;
@@ -220,6 +207,20 @@ std::optional<uint32_t> choose_sloc(unsigned inst, uint32_t tbl, EngineTable &t,
         if (!t.entries.count(s) && accepted(t, s))
             return s;
     return std::nullopt;
+}
+
+/* One big-endian half of a key as host-order words, least significant first. */
+std::vector<uint32_t> half_to_words(const uint8_t *half, unsigned width_bits)
+{
+    /* The half is one big-endian number of width_bits / 8 bytes. */
+    size_t nbytes = width_bits / 8;
+    size_t nwords = (nbytes + 3) / 4;
+    std::vector<uint32_t> w(nwords, 0);
+    for (size_t i = 0; i < nbytes; ++i) {
+        size_t bit = (nbytes - 1 - i) * 8;   /* weight of byte i */
+        w[bit / 32] |= uint32_t(half[i]) << (bit % 32);
+    }
+    return w;
 }
 
 void entry_words(const EngineEntry &e, unsigned width_bits, std::vector<uint32_t> &value,
@@ -233,8 +234,6 @@ void entry_words(const EngineEntry &e, unsigned width_bits, std::vector<uint32_t
 }  // namespace
 
 /* ---- public helpers ------------------------------------------------------ */
-
-const std::vector<Call> &calls() { return st().calls; }
 
 std::vector<Call> calls_of(const std::string &fn)
 {
@@ -296,7 +295,6 @@ static auto lookup(const M &m, unsigned inst, uint32_t tbl, uint32_t addr)
     return it->second;
 }
 
-std::optional<Bytes> tcam(unsigned inst, uint32_t tbl, uint32_t addr) { return lookup(st().tcam, inst, tbl, addr); }
 std::optional<Bytes> ssram(unsigned inst, uint32_t tbl, uint32_t addr) { return lookup(st().ssram, inst, tbl, addr); }
 std::optional<Bytes> flow(unsigned inst, uint32_t tbl, uint32_t idx) { return lookup(st().flow, inst, tbl, idx); }
 std::optional<uint8_t> acl_prio(unsigned inst, uint32_t tbl, uint32_t addr) { return lookup(st().acl_prio, inst, tbl, addr); }
@@ -305,33 +303,8 @@ const std::vector<HistEvent> &hist_events() { return st().hist; }
 const std::vector<DbgOut> &dbg_outs() { return st().dbgout; }
 const std::vector<LogEvent> &log_events() { return st().log; }
 
-std::vector<Trace> traces()
-{
-    std::vector<Trace> out;
-    for (const HistEvent &h : st().hist)
-        out.push_back({h.func, h.text});
-    return out;
-}
-
-std::vector<Trace> traces_of(const std::string &func)
-{
-    std::vector<Trace> out;
-    for (const HistEvent &h : st().hist)
-        if (h.func == func)
-            out.push_back({h.func, h.text});
-    return out;
-}
-
-void clear_traces()
-{
-    st().hist.clear();
-    st().dbgout.clear();
-    st().log.clear();
-}
-
 void set_subtype_check_result(int r) { st().subtype_check_result = r; }
 void set_chk_int_result(int r) { st().chk_int_result = r; }
-void set_show_hist_result(int r) { st().show_hist_result = r; }
 
 std::map<std::string, std::string> &store() { return st().store; }
 
@@ -347,16 +320,12 @@ std::string store_key(const std::string &prefix, uint8_t b0, uint8_t b1, uint8_t
     return k;
 }
 
-void set_kvs_delete_missing_result(int code) { st().delete_missing_result = code; }
-
 EngineTable &engine(unsigned inst, uint32_t tbl) { return st().engines[{inst, tbl}]; }
 
 void hw_entry(unsigned inst, uint32_t tbl, uint32_t sloc, const Bytes &key, uint16_t prio, uint8_t bank)
 {
     engine(inst, tbl).entries[sloc] = EngineEntry{key, prio, bank};
 }
-
-void script_next_sloc(unsigned inst, uint32_t tbl, uint32_t sloc) { st().next_slocs[{inst, tbl}].push_back(sloc); }
 
 void set_ask_validate(bool on) { st().ask_validate = on; }
 
@@ -377,7 +346,6 @@ int engine_move(unsigned inst, uint32_t tbl, uint32_t old_sloc, uint32_t new_slo
 }
 
 void set_camindex_observer(std::function<void(const CamindexEvent &)> fn) { st().observer = std::move(fn); }
-const std::vector<CamindexEvent> &camindex_events() { return st().camindex_events; }
 
 void set_stats(uint8_t bank, const Stats &s)
 {
@@ -393,18 +361,6 @@ void set_walk(const std::vector<WalkEntry> &entries, int result)
 
 void set_fix_result(const FixResult &r) { st().fix = r; }
 
-std::vector<uint32_t> half_to_words(const uint8_t *half, unsigned width_bits)
-{
-    /* The half is one big-endian number of width_bits / 8 bytes. */
-    size_t nbytes = width_bits / 8;
-    size_t nwords = (nbytes + 3) / 4;
-    std::vector<uint32_t> w(nwords, 0);
-    for (size_t i = 0; i < nbytes; ++i) {
-        size_t bit = (nbytes - 1 - i) * 8;   /* weight of byte i */
-        w[bit / 32] |= uint32_t(half[i]) << (bit % 32);
-    }
-    return w;
-}
 
 }  // namespace fake
 
@@ -561,7 +517,7 @@ int orvex_tcam_insert_entry(tbl_params *p, uint8_t *key, uint16_t *prio, uint8_t
         errno = ENODEV;
         return -1;
     }
-    auto sloc = choose_sloc(p->inst, p->tbl_type, t, bank ? *bank : 0);
+    auto sloc = choose_sloc(t, bank ? *bank : 0);
     if (!sloc) {
         errno = ENOSPC;
         return -1;
@@ -688,7 +644,8 @@ int kvs_delete(uint32_t handle, kvs_buf *key)
     c.in = {k};
     if (auto f = injected("kvs_delete"))
         return f->first;
-    return st().store.erase(key_str(k)) ? 0 : st().delete_missing_result;
+    st().store.erase(key_str(k));
+    return 0;
 }
 
 static kvs_buf *cursor_at(std::map<std::string, std::string>::iterator it, int *err)
@@ -840,7 +797,7 @@ int dbgshim_show_hist_inst(void *ctx, uint32_t *pair, uint32_t uuid, uint32_t a,
 {
     record("dbgshim_show_hist_inst",
            {ptr(ctx), pair ? pair[0] : 0u, pair ? pair[1] : 0u, uuid, a, b});
-    return st().show_hist_result;
+    return 0;
 }
 
 }  // extern "C"

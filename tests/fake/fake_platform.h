@@ -40,7 +40,6 @@ struct Call {
     std::string text;          /* trace sinks: the formatted text */
 };
 
-const std::vector<Call> &calls();
 std::vector<Call> calls_of(const std::string &fn);
 /* Calls whose name starts with prefix ("fwd_", "orvex_", "kvs_"). */
 std::vector<Call> calls_with_prefix(const std::string &prefix);
@@ -75,7 +74,6 @@ Card &card();
 unsigned key_bytes(uint32_t tbl_type);
 
 void set_tcam(unsigned inst, uint32_t tbl, uint32_t addr, const Bytes &key);
-std::optional<Bytes> tcam(unsigned inst, uint32_t tbl, uint32_t addr);
 void set_ssram(unsigned inst, uint32_t tbl, uint32_t addr, const Bytes &word);
 std::optional<Bytes> ssram(unsigned inst, uint32_t tbl, uint32_t addr);
 void set_flow(unsigned inst, uint32_t tbl, uint32_t idx, const Bytes &word);
@@ -103,24 +101,13 @@ struct LogEvent {           /* dbgsvc_his_log_event_for_uuid_inst */
     uint32_t uuid = 0, event_id = 0, a = 0, b = 0, len = 0;
     std::string text;
 };
-/* A fired trace: function name and text, taken from the history records. */
-struct Trace {
-    std::string func;
-    std::string text;
-    bool operator==(const Trace &) const = default;
-};
-
 const std::vector<HistEvent> &hist_events();
 const std::vector<DbgOut> &dbg_outs();
 const std::vector<LogEvent> &log_events();
-std::vector<Trace> traces();
-std::vector<Trace> traces_of(const std::string &func);
-void clear_traces();
 
 /* Results of the service's checks (defaults: 0 and 0). */
 void set_subtype_check_result(int r);
 void set_chk_int_result(int r);
-void set_show_hist_result(int r);
 
 /* ---- persistent key/value store ----------------------------------------- */
 
@@ -128,9 +115,6 @@ std::map<std::string, std::string> &store();
 std::string key_str(const Bytes &b);
 /* Prefix + {b0, b1, b2, b3}. */
 std::string store_key(const std::string &prefix, uint8_t b0, uint8_t b1, uint8_t b2, uint8_t b3);
-/* Result of kvs_delete on a key that is not in the store (default 0). */
-void set_kvs_delete_missing_result(int code);
-
 /* ---- search engine ------------------------------------------------------ */
 
 struct EngineEntry {
@@ -156,8 +140,6 @@ EngineTable &engine(unsigned inst, uint32_t tbl);
 /* Put an entry into the "hardware" without any callback (for restores). */
 void hw_entry(unsigned inst, uint32_t tbl, uint32_t sloc, const Bytes &key, uint16_t prio,
               uint8_t bank = 0);
-/* The next insert on (inst, tbl) takes this sloc (queued, one per insert). */
-void script_next_sloc(unsigned inst, uint32_t tbl, uint32_t sloc);
 /* Ask the validate callback for each candidate sloc of an insert; a refused
  * candidate is skipped (no free accepted sloc: the insert fails, ENOSPC). */
 void set_ask_validate(bool on);
@@ -177,7 +159,6 @@ struct CamindexEvent {
     int result;
 };
 void set_camindex_observer(std::function<void(const CamindexEvent &)> fn);
-const std::vector<CamindexEvent> &camindex_events();   /* phase-1 events only */
 
 struct Stats { uint32_t entries, groups, open, full, free, total; };
 void set_stats(uint8_t bank, const Stats &s);
@@ -196,10 +177,6 @@ struct FixResult {
     std::vector<uint32_t> unfixed;
 };
 void set_fix_result(const FixResult &r);
-
-/* Key of the caller's layout (big-endian, one half of width_bits) as host-order
- * words, least significant first (3 words for 72 bits, 5 for 144). */
-std::vector<uint32_t> half_to_words(const uint8_t *half, unsigned width_bits);
 
 }  // namespace fake
 

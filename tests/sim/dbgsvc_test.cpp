@@ -16,27 +16,6 @@ namespace {
 
 constexpr uint32_t kUuid = 636, kEventId = 0x27C0000;
 
-// Captures what fn writes to stdout.
-template <typename Fn>
-std::string capture_stdout(Fn fn)
-{
-    std::fflush(stdout);
-    std::FILE *tmp = std::tmpfile();
-    int saved = ::dup(STDOUT_FILENO);
-    ::dup2(::fileno(tmp), STDOUT_FILENO);
-    fn();
-    std::fflush(stdout);
-    ::dup2(saved, STDOUT_FILENO);
-    ::close(saved);
-    std::rewind(tmp);
-    std::string out;
-    char buf[512];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, tmp)) > 0;)
-        out.append(buf, n);
-    std::fclose(tmp);
-    return out;
-}
-
 int log_uuid(const std::string &text, uint32_t len)
 {
     return dbgsvc_his_log_event_for_uuid_inst(kUuid, kEventId, 0, 0, len, text.c_str());
@@ -79,25 +58,6 @@ TEST_F(SimHist, RingKeepsTheNewestEventsThatFitItsSize)
     EXPECT_EQ(std::string(sim_hist_text(SIM_HIST_UUID, kUuid, 2)).substr(0, 7), "event 7");
     ASSERT_EQ(log_uuid("abcdef", 4), 0);
     EXPECT_STREQ(sim_hist_text(SIM_HIST_UUID, kUuid, 0), "abcd") << "cut at the length given";
-}
-
-TEST_F(SimHist, ShowPrintsTheRingOfTheUuid)
-{
-    ASSERT_EQ(log_uuid("hello", 6), 0);
-    ASSERT_EQ(log_uuid("world", 6), 0);
-    uint32_t pair[2] = {0xFE000000, 0};
-    std::string out = capture_stdout([&] { EXPECT_EQ(dbgshim_show_hist_inst(nullptr, pair, kUuid, 0, 0), 0); });
-    EXPECT_EQ(out, "history of 636: 2 events\n    hello\n    world\n");
-
-    // With a printer registered, each event goes through it.
-    static std::vector<std::pair<std::string, uint32_t>> printed;
-    printed.clear();
-    sim_hist_set_printer(kUuid, [](const char *text, uint32_t v1, uint32_t, const uint32_t *, uint32_t) {
-        printed.emplace_back(text, v1);
-        return 0;
-    });
-    capture_stdout([&] { dbgshim_show_hist_inst(nullptr, pair, kUuid, 0, 0); });
-    EXPECT_EQ(printed, (std::vector<std::pair<std::string, uint32_t>>{{"hello", kEventId}, {"world", kEventId}}));
 }
 
 TEST(SimDbg, ElementCheckFollowsTheListAndOutputGoesToTheFile)

@@ -15,7 +15,7 @@
 namespace tcamwrap::sim::test {
 namespace {
 
-constexpr uint32_t kAcli = 1, kAclo = 2, kFib = 3;
+constexpr uint32_t kAcli = 1, kFib = 3;
 constexpr uint8_t kAll = 254;
 constexpr const char *kCard = "insts=2,fib=64,acli=32,aclo=16,aclo_kind=tcam3";
 using Bytes = std::vector<uint8_t>;
@@ -59,44 +59,6 @@ TEST(SimFwd, ConfigRecordAndTcamTypesFollowTheProfile)
         ASSERT_EQ(get_card_tcam_types(types.data()), 0);
         EXPECT_EQ(types, c.want);
     }
-}
-
-// A run of writes, one delete, reads of one instance, and inst 254 for both.
-TEST(SimFwd, TcamWriteReadDeleteOverARunAndBothInstances)
-{
-    ScopedSimState state(kCard);
-    Bytes keys = pattern(3 * 18, 1);
-    auto p = params(kAll, kFib, 10, 3);
-    ASSERT_EQ(fwd_tcam_write(&p, keys.data()), 0);
-    auto d = params(1, kFib, 11);
-    ASSERT_EQ(fwd_tcam_delete(&d), 0);
-
-    Bytes back(4 * 18), want = keys;
-    want.resize(4 * 18, 0xFF);  // a location without an entry reads as all 0xFF
-    for (uint8_t inst : {0, 1}) {
-        SCOPED_TRACE(int(inst));
-        if (inst == 1)
-            std::fill(want.begin() + 18, want.begin() + 36, 0xFF);
-        auto r = params(inst, kFib, 10, 4);
-        ASSERT_EQ(fwd_tcam_read(&r, back.data()), 0);
-        EXPECT_EQ(back, want);
-    }
-    uint16_t prio = 7;
-    ASSERT_EQ(sim_hw_tcam_get(1, kFib, 12, nullptr, nullptr, &prio), 0);
-    EXPECT_EQ(prio, 0) << "the driver writes priority 0";
-    auto all = params(kAll, kFib, 10, 3);
-    ASSERT_EQ(fwd_tcam_delete(&all), 0);
-    EXPECT_EQ(sim_hw_tcam_count(0, kFib) + sim_hw_tcam_count(1, kFib), 0u);
-
-    // A tcam3 TCAM: priority 0 everywhere, so the lowest location matches.
-    std::array<uint8_t, 36> any{};  // zero mask: matches everything
-    for (uint32_t loc : {12u, 5u, 9u}) {
-        auto w = params(0, kAclo, loc);
-        ASSERT_EQ(fwd_tcam_write(&w, any.data()), 0);
-    }
-    uint32_t loc = 0;
-    ASSERT_EQ(sim_hw_lookup(0, kAclo, any.data(), &loc), 1);
-    EXPECT_EQ(loc, 5u);
 }
 
 // Every driver call; the buffer is large enough for any request of these tests.
@@ -163,32 +125,6 @@ TEST(SimFwd, RequestsOutsideAMemoryFailWithEinvalAndWriteNothing)
     auto r = params(0, kFib, 63);
     ASSERT_EQ(fwd_ssram_read(&r, got.data()), 0);
     EXPECT_EQ(got, Bytes(5, 0));
-}
-
-TEST(SimFwd, EveryCallPassesFaultInjection)
-{
-    ScopedSimState state(kCard);
-    Bytes buf(64, 0);
-    for (const DriverCall &d : driver_calls()) {
-        SCOPED_TRACE(d.name);
-        ASSERT_EQ(sim_fault_set((std::string("fail=") + d.name + ":2:EIO").c_str()), 0);
-        auto p = params(0, kAcli, 0);
-        uint64_t before = sim_calls_get(d.name);
-        EXPECT_EQ(d.call(&p, buf.data()), 0);
-        errno = 0;
-        EXPECT_EQ(d.call(&p, buf.data()), -1);
-        EXPECT_EQ(errno, EIO);
-        EXPECT_EQ(d.call(&p, buf.data()), 0);
-        EXPECT_EQ(sim_calls_get(d.name), before + 3);
-    }
-    ASSERT_EQ(sim_fault_set("fail=fwd_get_cfg_info:1:ENODEV,fail=get_card_tcam_types:1:ENODEV"), 0);
-    errno = 0;
-    EXPECT_EQ(fwd_get_cfg_info(0, buf.data()), -1);
-    EXPECT_EQ(errno, ENODEV);
-    errno = 0;
-    EXPECT_EQ(get_card_tcam_types(reinterpret_cast<uint32_t *>(buf.data())), -1);
-    EXPECT_EQ(errno, ENODEV);
-    sim_fault_set(nullptr);
 }
 
 }  // namespace

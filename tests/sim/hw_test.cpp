@@ -50,13 +50,6 @@ std::optional<uint32_t> lookup(uint8_t inst, uint32_t tbl, const uint8_t *search
 
 std::optional<uint32_t> fib_lookup(uint32_t addr, uint8_t inst = 0) { return lookup(inst, kFib, fib_search(addr).data()); }
 
-Word read_word(uint8_t inst, uint32_t tbl, uint32_t mem, uint32_t at)
-{
-    Word w(5);
-    EXPECT_EQ(sim_hw_mem_read(inst, tbl, mem, at, 1, w.data()), 0);
-    return w;
-}
-
 TEST(SimHw, TcamCallsRejectWhatIsOutsideTheCard)
 {
     ScopedSimState state("insts=1,fib=4096,acli=1024,aclo=1024");
@@ -81,91 +74,6 @@ TEST(SimHw, TcamCallsRejectWhatIsOutsideTheCard)
     }
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(sim_hw_tcam_count(0, kFib), 0u) << "nothing written by a refused call";
-}
-
-// Another process writes every kind of memory and is killed: the image keeps it,
-// and this process's lookup index, built before, follows the change.
-TEST(SimHw, ImageSurvivesTheDeathOfTheProcessThatWroteIt)
-{
-    ScopedSimState state(kSmallCard);
-    // Each writer is a client process of its own: one client per card.
-    int status = run_in_child([] {
-        FibKey wide = fib_key(0xC0000000, 8);
-        return sim_hw_tcam_write(1, kFib, 10, wide.data(), 1) == 0 ? 0 : 1;
-    });
-    ASSERT_TRUE(exited_with(status, 0)) << status;
-    ASSERT_EQ(fib_lookup(0xC0A81234, 1), 10u);
-    status = run_in_child([] {
-        sim_card_close();
-        FibKey key = fib_key(0xC0A80000, 16);
-        uint8_t word[5] = {1, 2, 3, 4, 5}, flow[5] = {9, 8, 7, 6, 5}, prio = 0;
-        if (sim_hw_tcam_write(1, kFib, 77, key.data(), 42) != 0 ||
-            sim_hw_mem_write(1, kFib, SIM_MEM_SSRAM, 77, 1, word) != 0 ||
-            sim_hw_mem_write(0, kAcli, SIM_MEM_FLOW, 511, 1, flow) != 0 ||
-            sim_hw_mem_write(0, kAcli, SIM_MEM_ACL_PRIO, 1023, 1, &prio) != 0)
-            return 1;
-        ::raise(SIGKILL);
-        return 2;
-    });
-    ASSERT_TRUE(killed(status)) << status;
-    EXPECT_EQ(fib_lookup(0xC0A81234, 1), 77u);
-
-    state.forget();
-    uint8_t valid = 0;
-    FibKey key{};
-    uint16_t prio = 0;
-    ASSERT_EQ(sim_hw_tcam_get(1, kFib, 77, &valid, key.data(), &prio), 0);
-    EXPECT_EQ(valid, 1);
-    EXPECT_EQ(key, fib_key(0xC0A80000, 16));
-    EXPECT_EQ(prio, 42);
-    ASSERT_EQ(sim_hw_tcam_get(0, kFib, 77, &valid, nullptr, nullptr), 0);
-    EXPECT_EQ(valid, 0) << "instances are separate memories";
-    EXPECT_EQ(read_word(1, kFib, SIM_MEM_SSRAM, 77), (Word{1, 2, 3, 4, 5}));
-    EXPECT_EQ(read_word(0, kAcli, SIM_MEM_FLOW, 511), (Word{9, 8, 7, 6, 5}));
-    ASSERT_EQ(fib_lookup(0xC0A81234, 1), 77u) << "a new process finds the entry";
-    status = run_in_child([] { return sim_hw_tcam_clear(1, kFib, 77) == 0 ? 0 : 1; });
-    ASSERT_TRUE(exited_with(status, 0)) << status;
-    EXPECT_EQ(fib_lookup(0xC0A81234, 1), 10u) << "a clear by another process";
-}
-
-TEST(SimHw, LookupPicksHighestPriorityThenLowestLocation)
-{
-    ScopedSimState state(kSmallCard);
-    const struct {
-        uint32_t loc, addr;
-        int len;
-    } entries[] = {
-        {100, 0x0A000000, 8}, {50, 0x0A010000, 16}, {60, 0x0A010000, 16}, {40, 0x0A010100, 24},
-        {30, 0x00000000, 0},  {20, 0x0B000000, 8},  {10, 0x0B000000, 8},
-    };
-    for (const auto &e : entries) {
-        FibKey k = fib_key(e.addr, e.len);
-        ASSERT_EQ(sim_hw_tcam_write(0, kFib, e.loc, k.data(), static_cast<uint16_t>(e.len)), 0);
-    }
-    const struct {
-        uint32_t addr, want;
-    } cases[] = {
-        {0x0A010101, 40},   // the /24 beats /16 and /8
-        {0x0A010201, 50},   // two equal /16 at 50 and 60: the lower location
-        {0x0A020304, 100},  // only 10/8 and default
-        {0x0C000001, 30},   // only the default route
-        {0x0B000001, 10},   // two equal 11/8: the lower location
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.addr);
-        EXPECT_EQ(fib_lookup(c.addr), c.want);
-    }
-    // The first key byte (VRF) is fully masked: another VRF matches nothing.
-    EXPECT_EQ(lookup(0, kFib, fib_search(0x0A010101, 7).data()), std::nullopt);
-
-    // Clearing and overwriting a location change what matches.
-    ASSERT_EQ(sim_hw_tcam_clear(0, kFib, 40), 0);
-    EXPECT_EQ(fib_lookup(0x0A010101), 50u);
-    FibKey moved = fib_key(0x0C000000, 8);
-    ASSERT_EQ(sim_hw_tcam_write(0, kFib, 50, moved.data(), 8), 0);
-    EXPECT_EQ(fib_lookup(0x0A010101), 60u);
-    EXPECT_EQ(fib_lookup(0x0C000001), 50u);
-    EXPECT_EQ(fib_lookup(0x0C000001, 1), std::nullopt) << "instance 1 holds nothing";
 }
 
 // Reference: the hardware rule applied to a snapshot of the whole table.

@@ -68,27 +68,6 @@ Records walk(uint32_t handle)
 // std::string orders as the store must: memcmp order, a key before its extensions.
 Records records(const Model &m) { return {m.begin(), m.end()}; }
 
-TEST(SimKvs, KeysWalkInByteOrderAndSeekFindsTheFirstKeyNotBelow)
-{
-    StoreState state;
-    Model model;
-    for (const std::string &k : std::vector<std::string>{"b", "a", "ab", {"a\0", 2}, {"\0", 1}, "\xff", "aa"}) {
-        ASSERT_EQ(put(kHandle, k, "v" + k), 0);
-        model[k] = "v" + k;
-    }
-    EXPECT_EQ(walk(kHandle), records(model));
-    int err = -1;
-
-    const struct {
-        std::string seek, want;
-    } cases[] = {{"ab", "ab"}, {"a\x01", "aa"}, {"ab\x01", "b"}, {"", std::string("\0", 1)}, {"\xff\x01", "<none>"}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.seek);
-        EXPECT_EQ(text_of(seek(kHandle, c.seek, err)), c.want);
-        EXPECT_EQ(err, 0);
-    }
-}
-
 TEST(SimKvs, WalkSurvivesDeletesAroundTheCursorAndCopiesItsBuffers)
 {
     StoreState state;
@@ -170,66 +149,6 @@ TEST(SimKvs, BadRequestsAndInjectedFailuresChangeNothing)
         EXPECT_GT(std::strlen(errcode2str(code)), 0u) << code;
     EXPECT_STREQ(errcode2str(0), "success");
     EXPECT_STRNE(errcode2str(MDB_NOTFOUND), errcode2str(ENOSPC));
-}
-
-// The sequence a crashing child runs: stores and deletes of map-like records.
-struct Op {
-    bool store;
-    std::string key, value;
-};
-
-// Crash before the n-th store call or the n-th delete call, for every n until a
-// run completes; after each, the store holds exactly the calls completed. The
-// second pass commits synchronously, which must not change what survives.
-TEST(SimKvs, ProcessKilledMidSequenceLeavesItsLastCompletedCall)
-{
-    std::vector<Op> ops;
-    for (int i = 0; i < 6; ++i)
-        ops.push_back({true, "seg" + std::to_string(i % 3), std::string(4096, static_cast<char>('a' + i))});
-    ops.insert(ops.end(), {{true, "journal", "loc/old/new"}, {false, "seg1", {}}, {false, "journal", {}}, {true, "seg1", "back"}});
-    for (const char *sync : {"0", "1"}) {
-        ::setenv(SIM_KVS_SYNC_ENV, sync, 1);
-        for (const char *point : {"kvs_store", "kvs_delete"}) {
-            for (int n = 1;; ++n) {
-                SCOPED_TRACE(std::string(point) + " #" + std::to_string(n) + " sync " + sync);
-                StoreState state;
-                ASSERT_EQ(put(kHandle, "parent", "kept"), 0);  // the parent has the store open
-                int fds[2];
-                ASSERT_EQ(::pipe(fds), 0);
-                std::string rule = "crash=" + std::string(point) + ":" + std::to_string(n);
-                int status = run_in_child([&] {
-                    ::close(fds[0]);
-                    sim_fault_set(rule.c_str());
-                    for (const Op &op : ops)
-                        if ((op.store ? put(kHandle, op.key, op.value) : del(kHandle, op.key)) != 0 ||
-                            ::write(fds[1], "x", 1) != 1)
-                            return 1;
-                    return 0;
-                });
-                ::close(fds[1]);
-                Model model{{"parent", "kept"}};
-                char c;
-                std::size_t done = 0;
-                for (; ::read(fds[0], &c, 1) == 1; ++done) {
-                    if (ops[done].store)
-                        model[ops[done].key] = ops[done].value;
-                    else
-                        model.erase(ops[done].key);
-                }
-                ::close(fds[0]);
-
-                state.forget();
-                EXPECT_EQ(walk(kHandle), records(model));
-                if (exited_with(status, 0)) {
-                    EXPECT_EQ(done, ops.size());
-                    break;
-                }
-                ASSERT_TRUE(killed(status)) << status;
-                ASSERT_LT(done, ops.size());
-            }
-        }
-    }
-    ::unsetenv(SIM_KVS_SYNC_ENV);
 }
 
 }  // namespace

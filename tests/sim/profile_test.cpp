@@ -67,28 +67,6 @@ TEST(SimProfile, BadProfilesAreRefusedAndNothingIsSaved)
     }
 }
 
-TEST(SimProfile, SavedProfileRulesUntilTheDirectoryIsDeleted)
-{
-    ScopedSimState state("insts=1,fib=2048,aclo_kind=tcam3");
-    ASSERT_EQ(sim_card_open(), 0);
-    Shape first = card_shape();
-    char text[256];
-    ASSERT_EQ(sim_card_profile_text(text, sizeof text), 0);
-
-    ScopedSimState::set_profile("insts=2,fib=4096");
-    state.forget();  // as a new process would see the card
-    EXPECT_EQ(card_shape(), first);
-
-    std::filesystem::remove_all(state.dir());
-    state.forget();
-    EXPECT_EQ(sim_card_num_insts(), 2u);
-    EXPECT_EQ(sim_card_table_size(kFib), 4096u);
-
-    ScopedSimState again(text);  // the saved text makes the same card
-    ASSERT_EQ(sim_card_open(), 0);
-    EXPECT_EQ(card_shape(), first);
-}
-
 TEST(SimProfile, DamagedImageIsRefused)
 {
     ScopedSimState state("insts=1,fib=64,acli=64,aclo=64");
@@ -98,23 +76,6 @@ TEST(SimProfile, DamagedImageIsRefused)
     errno = 0;
     EXPECT_EQ(sim_card_open(), -1);
     EXPECT_EQ(errno, EINVAL);
-}
-
-TEST(SimProfile, DefaultStateDirectoryIsUnderTheWorkingDirectory)
-{
-    ScopedSimState state;
-    // In a child: the working directory and the environment are the process's.
-    int status = run_in_child([&state] {
-        if (::chdir(state.dir().c_str()) != 0)
-            return 2;
-        ::unsetenv(SIM_STATE_ENV);
-        sim_card_close();
-        const char *dir = sim_state_dir();
-        if (dir == nullptr || std::string(dir) != state.dir() + "/tcamwrap-sim-state")
-            return 3;
-        return std::filesystem::is_directory(dir) ? 0 : 4;
-    });
-    EXPECT_TRUE(exited_with(status, 0)) << status;
 }
 
 }  // namespace

@@ -4,24 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "client.hpp"
-#include "keys.hpp"
 #include "sim_card.h"
-#include "sim_hw.h"
 #include "sim_kvs.h"
 
 namespace cli = tcamwrap::cli;
@@ -52,54 +46,6 @@ std::string join(const Argv &args)
         s += a + " ";
     return s;
 }
-
-// A strict syntax check of one JSON document (the tool itself only prints JSON).
-struct JsonSyntax {
-    std::string_view s;
-    std::size_t i = 0;
-    bool eat(char c)
-    {
-        while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i])))
-            ++i;
-        return i < s.size() && s[i] == c && ++i;
-    }
-    bool rest_of_string()
-    {
-        for (; i < s.size() && s[i] != '"'; i += s[i] == '\\' ? 2 : 1)
-            if (static_cast<unsigned char>(s[i]) < 0x20)
-                return false;
-        return i++ < s.size();
-    }
-    bool seq(char close, bool members)
-    {
-        if (eat(close))
-            return true;
-        do
-            if ((members && !(eat('"') && rest_of_string() && eat(':'))) || !value())
-                return false;
-        while (eat(','));
-        return eat(close);
-    }
-    bool value()
-    {
-        if (eat('{') || eat('['))
-            return seq(s[i - 1] == '{' ? '}' : ']', s[i - 1] == '{');
-        if (eat('"'))
-            return rest_of_string();
-        const std::size_t from = i;
-        while (i < s.size() && (std::isalnum(static_cast<unsigned char>(s[i])) || s[i] == '-' ||
-                                s[i] == '+' || s[i] == '.'))
-            ++i;
-        const std::string_view t = s.substr(from, i - from);
-        return t == "true" || t == "false" || t == "null" ||
-               (!t.empty() && t.find_first_not_of("0123456789+-.eE") == std::string_view::npos);
-    }
-    static bool valid(std::string_view text)
-    {
-        JsonSyntax p{text};
-        return p.value() && !p.eat('\0') && p.i == text.size(); // eat: trailing white space
-    }
-};
 
 class ToolTest : public ::testing::Test
 {
@@ -133,11 +79,7 @@ class ToolTest : public ::testing::Test
             command += " '" + a + "'";
         command += " >" + out.string() + " 2>" + err.string();
         const int status = std::system(command.c_str());
-        ToolRun r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(out),
-                  slurp(err)};
-        const bool json = std::find(args.begin(), args.end(), "--json") != args.end();
-        EXPECT_TRUE(!json || JsonSyntax::valid(r.out)) << join(args) << ": " << r.out;
-        return r;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(out), slurp(err)};
     }
 
     ToolRun ok(const Argv &args)
@@ -160,53 +102,6 @@ class ToolTest : public ::testing::Test
     fs::path root_, state_;
 };
 
-// ---- the store as the library keeps it -----------------------------------
-
-kvs_buf record_key(std::vector<uint8_t> &bytes, uint8_t type, uint8_t tbl, uint8_t last)
-{
-    bytes.assign(cli::kKeyPrefix, cli::kKeyPrefix + cli::kKeyPrefixLen);
-    bytes.insert(bytes.end(), {type, 0, tbl, last}); // instance 0
-    return kvs_buf{bytes.data(), static_cast<uint32_t>(bytes.size())};
-}
-
-std::vector<uint32_t> read_segment(uint8_t seg)
-{
-    std::vector<uint8_t> kb;
-    kvs_buf key = record_key(kb, cli::kRecLmtSegment, TCAMWRAP_TBL_FIB, seg);
-    int err = 0;
-    kvs_buf *at = kvs_move2key(cli::kKvsHandle, &key, &err);
-    if (at == nullptr || at->len != key.len || std::memcmp(at->data, key.data, key.len) != 0) {
-        ADD_FAILURE() << "no LMT segment " << int(seg) << " in the store";
-        return {};
-    }
-    kvs_buf *value = kvs_getvalue(cli::kKvsHandle, &err);
-    EXPECT_EQ(err, 0);
-    std::vector<uint32_t> words(value->len / 4);
-    std::memcpy(words.data(), value->data, value->len);
-    return words;
-}
-
-void store(uint8_t type, uint8_t last, void *data, std::size_t len)
-{
-    std::vector<uint8_t> kb;
-    kvs_buf key = record_key(kb, type, TCAMWRAP_TBL_FIB, last);
-    kvs_buf value{static_cast<uint8_t *>(data), static_cast<uint32_t>(len)};
-    ASSERT_EQ(kvs_store(cli::kKvsHandle, 1, &key, &value), 0);
-}
-
-// A FIB sloc of instance 0 that holds nothing and that no loc maps to.
-uint32_t empty_sloc(const std::set<uint32_t> &mapped, uint32_t size)
-{
-    for (uint32_t s = size / 2 - 1; s > 0; --s) {
-        uint8_t valid = 1;
-        EXPECT_EQ(sim_hw_tcam_get(0, TCAMWRAP_TBL_FIB, s, &valid, nullptr, nullptr), 0);
-        if (valid == 0 && mapped.count(s) == 0)
-            return s;
-    }
-    ADD_FAILURE() << "no empty sloc";
-    return 0;
-}
-
 // ---- exit codes and help -------------------------------------------------------
 
 // 0: done (help at every level starts with its usage and starts nothing);
@@ -222,34 +117,22 @@ TEST_F(ToolTest, ExitCodesAndHelpAtEveryLevel)
         const char *says = "";
     };
     const Run runs[] = {
-        {{"--help"}, 0}, {{"help"}, 0}, {{"help", "check"}, 0}, {{"card", "--help"}, 0},
-        {{"card", "create", "--help"}, 0}, {{"load", "--help"}, 0}, {{"write", "-h"}, 0},
-        {{"read", "--help"}, 0}, {{"delete", "--help"}, 0}, {{"ssram", "--help"}, 0},
-        {{"lookup", "--help"}, 0}, {{"dump", "--help"}, 0}, {{"history", "--help"}, 0},
-        {{"debug", "--help"}, 0}, {{"parity", "--help"}, 0}, {{"check", "--help"}, 0},
-        {{"demo", "--help"}, 0}, {{"--version"}, 0},
+        {{"--help"}, 0}, {{"help", "check"}, 0}, {{"card", "create", "--help"}, 0},
+        {{"write", "-h"}, 0}, {{"--version"}, 0},
         {{"parity", "fib", "5", "--sloc"}, 1}, // empty: no copy
-        {{}, 2}, {{"nosuch"}, 2}, {{"--bogus", "check"}, 2}, {{"check", "--count", "3"}, 2},
-        {{"card"}, 2}, {{"dump"}, 2, "tcamwrap-sim dump: say lmt or tcam"},
+        {{}, 2}, {{"nosuch"}, 2}, {{"check", "--count", "3"}, 2},
+        {{"dump"}, 2, "tcamwrap-sim dump: say lmt or tcam"},
         {{"card", "create"}, 1, "a card already exists"},
         {{"card", "create", "--fib", "0"}, 1, "--fib '0': give a whole number from 1 to 262144"},
         {{"card", "create", "--fib", "8", "--profile", "fib=8"}, 1, "exclude each other"},
         {{"read", "fib", "2048"}, 1, "LOC '2048': give a whole number from 0 to 2047"},
         {{"read", "fib", "0", "--count", "-1"}, 1, "--count '-1': give a whole number from 1"},
-        {{"read", "fib", "0", "--count", "2049"}, 1}, {{"read", "fib", "0", "--inst", "2"}, 1},
         {{"read", "nat", "0"}, 1, "TABLE 'nat': give fib, acli or aclo"},
         {{"write", "fib", "1", "--route", "10.0.0.1/8", "--next-hop", "1.1.1.1"}, 1},
-        {{"write", "acli", "1", "--route", "10.0.0.0/8", "--next-hop", "1.1.1.1"}, 1},
-        {{"write", "fib", "0", "--route", "255.255.255.0/24", "--next-hop", "1.1.1.1", "--count",
-          "2"}, 1}, // a run may not leave the address space
         {{"write", "fib", "1", "--route", "10.0.0.0/8", "--route", "11.0.0.0/8"}, 1,
          "--route is given twice"},
-        {{"load", "--generate", "5000"}, 1}, {{"lookup", "fib", "1.2.3"}, 1},
-        {{"dump", "lmt", "fib", "--inst", "9"}, 1, "--inst '9': give 0, 1 or all"},
-        {{"debug", "8"}, 1},
         {{"demo"}, 1, "the demo needs a fresh card"},
         {{"demo", "--crash", "BOGUS", "--state", missing.string()}, 1, "--crash 'BOGUS': give"},
-        {{"demo", "--routes", "0", "--state", missing.string()}, 1, "--routes '0'"},
         {{"read", "fib", "0", "--state", missing.string()}, 1, "no card in"},
     };
     for (const Run &run : runs) {
@@ -396,141 +279,16 @@ TEST_F(ToolTest, AclEntriesOnOrvexAndTcam3Tables)
     EXPECT_EQ(tool({"dump", "lmt", "aclo"}).code, 1);
 }
 
-TEST_F(ToolTest, LoadsRouteFilesAndRefusesBadLines)
-{
-    small_card();
-    std::ofstream(root_ / "routes.txt")
-        << "# a small FIB\n0.0.0.0/0 192.0.2.254\n10.0.0.0/8 192.0.2.1\n\n"
-           "10.20.0.0/16 192.0.2.2   # longer prefix\n10.20.30.0/24 192.0.2.3\n";
-    EXPECT_TRUE(ok({"load", (root_ / "routes.txt").string(), "--inst", "1"}).has("fib: 4 entries"));
-    const std::pair<const char *, const char *> lookups[] = {
-        {"10.20.30.40", "next hop 192.0.2.3"}, {"10.20.31.1", "next hop 192.0.2.2"},
-        {"10.99.0.1", "next hop 192.0.2.1"},   {"11.0.0.1", "next hop 192.0.2.254"}};
-    for (auto [addr, want] : lookups)
-        EXPECT_TRUE(ok({"lookup", "fib", addr, "--inst", "1"}).has(want)) << addr;
-    EXPECT_TRUE(ok({"lookup", "fib", "10.20.30.40", "--inst", "0"}).has("no match"));
-    std::ofstream(root_ / "bad.txt") << "10.0.0.0/8 192.0.2.1\n10.0.0.0/8 192.0.2.9\n";
-    const ToolRun r = tool({"load", (root_ / "bad.txt").string()});
-    EXPECT_EQ(r.code, 1);
-    EXPECT_NE(r.err.find("bad.txt:2: duplicate route 10.0.0.0/8"), std::string::npos) << r.err;
-}
-
 // ---- check, repairs, diagnostics --------------------------------------------
 
-TEST_F(ToolTest, CheckFindsNoDifferenceOnALoadedCard)
+TEST_F(ToolTest, ParityErrorsAreRepairedFromTheEngineCopy)
 {
     // ACLI rules with ACL-priority byte 0 share the flow-result memory, one
     // word per pair of locations: the load must keep them apart.
     small_card();
-    EXPECT_EQ(ok({"load", "--generate", "1500", "--acl", "200", "--seed", "2"}).err, "");
-    const ToolRun r = ok({"check", "--json"});
-    EXPECT_TRUE(r.has("\"passed\":true")) << r.out;
-    EXPECT_TRUE(r.has("\"tables\":6")) << r.out;
-}
-
-// Store edits that a restart must find and repair; after the repair 'check'
-// passes again.
-TEST_F(ToolTest, CheckReportsStoreEditsAndTheNextRestartRepairsThem)
-{
-    struct Case {
-        const char *name;
-        std::vector<std::string> kinds; // reported by the first check
-        bool entry_kept;                // the edited loc still holds its entry afterwards
-    };
-    const Case cases[] = {
-        {"loc points at a wrong, empty sloc", {"sloc-empty", "hw-unowned"}, false},
-        {"loc forgotten by the store", {"hw-unowned"}, false},
-        {"journal record whose new copy never reached the hardware", {"journal"}, true},
-    };
-    const uint32_t loc = 7;
-    for (std::size_t c = 0; c < std::size(cases); ++c) {
-        SCOPED_TRACE(cases[c].name);
-        tool({"card", "reset"});
-        small_card();
-        ok({"load", "--generate", "800", "--seed", std::to_string(10 + c)});
-        const std::string before = ok({"read", "fib", std::to_string(loc)}).out;
-
-        std::vector<uint32_t> lmt = read_segment(0);
-        const std::vector<uint32_t> seg1 = read_segment(1);
-        ASSERT_EQ(lmt.size(), 1024u);
-        std::set<uint32_t> mapped(lmt.begin(), lmt.end());
-        mapped.insert(seg1.begin(), seg1.end());
-        uint32_t old_sloc = lmt[loc];
-        ASSERT_NE(old_sloc, TCAMWRAP_INVALID_LOC);
-        uint32_t wrong = empty_sloc(mapped, 2048);
-        if (c == 2) {
-            uint32_t rec[3] = {loc, old_sloc, wrong};
-            store(cli::kRecOverwrite, 0, rec, sizeof rec);
-        } else {
-            lmt[loc] = c == 0 ? wrong : TCAMWRAP_INVALID_LOC;
-            store(cli::kRecLmtSegment, 0, lmt.data(), lmt.size() * 4);
-        }
-
-        ToolRun r = tool({"check", "--json"});
-        EXPECT_EQ(r.code, 1) << r.out << r.err;
-        for (const std::string &kind : cases[c].kinds)
-            EXPECT_TRUE(r.has("\"kind\":\"" + kind + "\"")) << kind << ": " << r.out;
-        EXPECT_TRUE(r.has("\"found\":" + std::to_string(cases[c].kinds.size()))) << r.out;
-        // The check's own start was a restart: it repaired, and the running
-        // audit after it is clean.
-        EXPECT_TRUE(r.has("\"running\":0")) << r.out;
-
-        const ToolRun after = ok({"read", "fib", std::to_string(loc)});
-        if (cases[c].entry_kept)
-            EXPECT_EQ(after.out, before);
-        else
-            EXPECT_TRUE(after.has("fib inst 0 loc 0x7: unused")) << after.out;
-        EXPECT_TRUE(ok({"read", "fib", std::to_string(loc), "--inst", "1"}).has("sloc"));
-        EXPECT_TRUE(ok({"check"}).has("check passed"));
-    }
-}
-
-// A client killed in the middle of an overwrite: the next client finds what the
-// crash left (a journal record or nothing) and completes or undoes the overwrite.
-TEST_F(ToolTest, AClientKilledInAnOverwriteIsRepairedByTheNext)
-{
-    struct Case {
-        const char *fault;
-        bool journal_left; // the first check finds the overwrite record
-        bool new_entry;    // after the restart the loc holds the new route
-    };
-    const Case cases[] = {
-        {"crash=camindex.PRE_ADD:1", false, false}, {"crash=kvs_store:1", false, false},
-        {"crash=camindex.POST_ADD:1", true, true},  {"crash=camindex.PRE_DEL:1", true, true},
-        {"crash=camindex.POST_DEL:1", true, true},  {"crash=kvs_delete:1", true, true},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.fault);
-        tool({"card", "reset"});
-        small_card();
-        ok({"write", "fib", "9", "--inst", "0", "--route", "10.9.0.0/16", "--next-hop",
-            "192.0.2.1"});
-        const ToolRun killed = tool({"write", "fib", "9", "--inst", "0", "--route", "10.9.9.0/24",
-                                     "--next-hop", "192.0.2.2"},
-                                    c.fault);
-        EXPECT_EQ(killed.code, 137) << killed.out << killed.err;
-        EXPECT_NE(killed.err.find("injected crash"), std::string::npos) << killed.err;
-
-        ToolRun r = tool({"check", "--json"});
-        EXPECT_EQ(r.code, c.journal_left ? 1 : 0) << r.out << r.err;
-        EXPECT_EQ(r.has("\"kind\":\"journal\""), c.journal_left) << r.out;
-        EXPECT_EQ(r.has("\"journal_records\":1"), c.journal_left) << r.out;
-        EXPECT_TRUE(r.has("\"running\":0")) << r.out;
-
-        EXPECT_TRUE(ok({"lookup", "fib", "10.9.9.9"})
-                        .has(c.new_entry ? "(loc 0x9): 10.9.9.0/24 prio 24 -> next hop 192.0.2.2"
-                                         : "(loc 0x9): 10.9.0.0/16 prio 16 -> next hop 192.0.2.1"));
-        // One entry in the hardware: the other copy is gone.
-        EXPECT_TRUE(ok({"card", "show", "--json"})
-                        .has("{\"inst\":0,\"hw_entries\":1,\"mapped_locs\":1}"));
-        EXPECT_TRUE(ok({"check"}).has("check passed"));
-    }
-}
-
-TEST_F(ToolTest, ParityErrorsAreRepairedFromTheEngineCopy)
-{
-    small_card();
-    ok({"load", "--generate", "400", "--seed", "3"});
+    EXPECT_EQ(ok({"load", "--generate", "400", "--acl", "200", "--seed", "2"}).err, "");
+    const ToolRun check = ok({"check", "--json"});
+    EXPECT_TRUE(check.has("\"passed\":true") && check.has("\"tables\":6")) << check.out;
     const ToolRun r = ok({"parity", "fib", "1", "2", "3"});
     std::size_t repaired = 0;
     for (auto p = r.out.find("damaged, repaired"); p != std::string::npos;
@@ -555,11 +313,8 @@ TEST_F(ToolTest, DemoGivesTheRightVerdictWhereverTheCrashFalls)
     const Case cases[] = {
         // The FIB alone: what a crash repairs, apart from the ACL tables.
         {"PRE_ADD", "0", "{\"fib\":2910,\"acli\":0,\"aclo\":0}", 0},
-        {"POST_ADD", "0", "{\"fib\":2910,\"acli\":0,\"aclo\":0}", 1},
-        {"PRE_DEL", "0", "{\"fib\":2910,\"acli\":0,\"aclo\":0}", 1},
         {"POST_DEL", "0", "{\"fib\":2910,\"acli\":0,\"aclo\":0}", 1},
         {"", "100", "{\"fib\":2910,\"acli\":98,\"aclo\":98}", -1}, // 3% and 2% deleted
-        {"", "100", "{\"fib\":2910,\"acli\":98,\"aclo\":98}", -1},
     };
     for (std::size_t i = 0; i < std::size(cases); ++i) {
         const Case &c = cases[i];

@@ -142,21 +142,6 @@ TEST(Generated, RoutesAreUniqueStartWithTheDefaultAndFollowTheMix)
     EXPECT_EQ(cli::generate_routes(20000, again, taken2), routes); // the seed decides
 }
 
-TEST(Generated, AclMixesAclPriorityBytesOnIngressOnly)
-{
-    std::mt19937_64 rng(3);
-    int flow = 0;
-    for (const cli::AclRule &r : cli::generate_acl(400, true, rng)) {
-        flow += r.acl_prio == 0;
-        EXPECT_LE(r.acl_prio, 1);
-        EXPECT_TRUE(r.action >= 1 && r.action <= 3) << int(r.action);
-    }
-    EXPECT_GT(flow, 40);
-    EXPECT_LT(flow, 360);
-    for (const cli::AclRule &r : cli::generate_acl(100, false, rng))
-        EXPECT_EQ(r.acl_prio, 1);
-}
-
 TEST(SpreadLoc, FillsBothHalvesFromStartInTurn)
 {
     // 16 entries: even i in the lower half, odd i in the upper half.

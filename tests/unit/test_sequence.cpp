@@ -37,6 +37,7 @@ protected:
         fake::card().size[c.tbl] = c.size;
         fake::set_ask_validate(true);
         ASSERT_EQ(start({int32_t(c.tbl)}, 0, 0), 0);
+        level(3);   /* errors only: a step that succeeds must trace nothing */
     }
 
     /* Every invariant of one instance against the model. */
@@ -137,6 +138,8 @@ TEST_P(Sequence, RandomAddsOverwritesMovesAndDeletes)
 
     for (unsigned step = 0; step < c.steps; ++step) {
         SCOPED_TRACE(testing::Message() << "step " << step);
+        const size_t traces = fake::hist_events().size();
+        bool failed = false;
         unsigned what = rng() % 10;
         uint32_t loc = rng() % c.size;
         bool crowded = model.size() >= c.size / 2 - 2;
@@ -153,6 +156,7 @@ TEST_P(Sequence, RandomAddsOverwritesMovesAndDeletes)
                 ASSERT_EQ(errno, ENOSPC) << "write of loc " << loc << " failed: " << rc;
                 ASSERT_EQ(c.insts, 1) << "a refused broadcast leaves instances apart";
                 ++refused;
+                failed = true;
             } else {
                 model[loc] = e;
                 ++(overwrite ? overwrites : adds);
@@ -176,6 +180,8 @@ TEST_P(Sequence, RandomAddsOverwritesMovesAndDeletes)
             for (uint32_t i = 0; i < p.num_entries; ++i)
                 deletes += unsigned(model.erase(loc + i));
         }
+        if (!failed && fake::hist_events().size() != traces)
+            ADD_FAILURE() << "a step that succeeded traced: " << fake::hist_events().back().text;
         for (unsigned inst = 0; inst < c.insts; ++inst)
             check_instance(inst, model);
         if (HasFatalFailure() || HasNonfatalFailure())

@@ -13,9 +13,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include "fake_platform.h"
 #include "tcamwrap_api.h"
@@ -27,7 +30,6 @@
 namespace tw {
 
 using fake::Bytes;
-using fake::Trace;
 
 constexpr uint32_t INV = 0xFFFFFFFFu;
 constexpr uint32_t ACLI = TCAMWRAP_TBL_ACLI;
@@ -43,17 +45,6 @@ inline std::string fmt(const char *f, ...)
     std::vsnprintf(buf, sizeof buf, f, ap);
     va_end(ap);
     return buf;
-}
-
-inline std::string err_text(int e) { return std::strerror(e); }
-
-/* A message text with its one "%s" replaced by an error text. */
-inline std::string with_error(std::string text, const std::string &error)
-{
-    size_t at = text.find("%s");
-    if (at != std::string::npos)
-        text.replace(at, 2, error);
-    return text;
 }
 
 /* The library keeps its tables for the life of the process and a new start
@@ -98,9 +89,14 @@ protected:
         std::memset(&tcamwrap_gl_db, 0, sizeof tcamwrap_gl_db);
         std::memset(tcamwrap_hist_str, 0, sizeof tcamwrap_hist_str);
         errno = 0;
+        /* A report file of this process: an assertion no test asked for fails the test. */
+        setenv("TCAMWRAP_ASSERT_FILE", report_.c_str(), 1);
     }
     void TearDown() override
     {
+        EXPECT_TRUE(asserts_expected_ || access(report_.c_str(), F_OK) != 0)
+            << "the library reported an assertion:\n" << std::ifstream(report_).rdbuf();
+        std::remove(report_.c_str());
         /* Tables owned by the test die with it: nothing may point at them. */
         keep_library_tables();
         std::memset(&tcamwrap_gl_db, 0, sizeof tcamwrap_gl_db);
@@ -118,6 +114,8 @@ protected:
     }
 
     std::vector<std::unique_ptr<Table>> tables_;
+    bool asserts_expected_ = false;
+    const std::string report_ = "/tmp/tcamwrap-unit-assert-" + std::to_string(getpid());
 };
 
 /* The store key prefix used by every test that starts the library. */
@@ -203,31 +201,6 @@ inline std::vector<std::string> split_at_nul(const std::string &s)
         else
             out.emplace_back();
     return out;
-}
-
-inline std::vector<std::string> texts(const std::vector<Trace> &t)
-{
-    std::vector<std::string> out;
-    for (const Trace &x : t)
-        out.push_back(x.text);
-    return out;
-}
-
-/* Whether a trace with exactly this function name and text fired. */
-inline bool traced(const std::string &func, const std::string &text)
-{
-    for (const Trace &t : fake::traces())
-        if (t.func == func && t.text == text)
-            return true;
-    return false;
-}
-
-inline std::string dump_traces()
-{
-    std::string s;
-    for (const Trace &t : fake::traces())
-        s += t.func + ": " + t.text + (t.text.empty() || t.text.back() != '\n' ? "\n" : "");
-    return s;
 }
 
 }  // namespace tw
