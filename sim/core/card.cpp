@@ -501,6 +501,22 @@ int sim_hw_tcam_get(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint8_t *vali
     });
 }
 
+int sim_hw_tcam_get_range(uint8_t inst, uint32_t tbl_type, uint32_t first, uint32_t count,
+                          uint8_t *valid, uint8_t *keys, uint16_t *prio)
+{
+    return with_card(-1, [=](Card &c) {
+        const TableView *t = c.table(inst, tbl_type);
+        if (t == nullptr || first > t->size || count > t->size - first || valid == nullptr ||
+            keys == nullptr || prio == nullptr)
+            return fail_with(EINVAL);
+        for (uint32_t i = 0; i < count; ++i)
+            valid[i] = std::atomic_ref<uint8_t>(t->valid[first + i]).load(std::memory_order_acquire);
+        std::memcpy(keys, t->key(first).data(), std::size_t{count} * t->key_bytes);
+        std::memcpy(prio, t->prio + first, std::size_t{count} * sizeof(uint16_t));
+        return 0;
+    });
+}
+
 int sim_hw_lookup(uint8_t inst, uint32_t tbl_type, const uint8_t *search, uint32_t *loc)
 {
     return with_card(-1, [=](Card &c) {

@@ -38,6 +38,10 @@ int sim_hw_tcam_write(uint8_t inst, uint32_t tbl_type, uint32_t loc, const uint8
 int sim_hw_tcam_clear(uint8_t inst, uint32_t tbl_type, uint32_t loc);
 int sim_hw_tcam_get(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint8_t *valid,
                     uint8_t *key, uint16_t *prio);
+/* Locations first..first+count-1 at once, laid end to end (a restore reads a
+ * whole bank under one lock instead of one call per location). */
+int sim_hw_tcam_get_range(uint8_t inst, uint32_t tbl_type, uint32_t first, uint32_t count,
+                          uint8_t *valid, uint8_t *keys, uint16_t *prio);
 
 /* Search the hardware as the forwarding pipeline does: among the valid entries
  * whose (key & mask) == (value & mask), the highest priority wins, then the

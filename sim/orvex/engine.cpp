@@ -67,16 +67,20 @@ void Table::empty_bank(Bank &b, bool rescan) {
 int Table::restore() {
     for (Bank &b : banks_) empty_bank(b, true);
     std::vector<std::pair<uint16_t, Group>> runs;  // key and group, by location
+    std::vector<uint8_t> valid;
+    std::vector<uint16_t> prios;
     for (unsigned bi = 0; bi < 2; ++bi) {
         Bank &b = banks_[bi];
         runs.clear();
+        valid.resize(b.size);
+        prios.resize(b.size);
+        if (port_.hw_get_range(b.base, b.size, valid.data(), &keys_[std::size_t{b.base} * key_bytes_],
+                               prios.data(), key_bytes_) != 0)
+            return -1;
         for (uint32_t pos = 0; pos < b.size; ++pos) {
             const uint32_t loc = b.base + pos;
-            bool valid = false;
-            uint16_t prio = 0;
-            if (port_.hw_get(loc, &valid, &keys_[std::size_t{loc} * key_bytes_], &prio) != 0)
-                return -1;
-            if (!valid) continue;
+            const uint16_t prio = prios[pos];
+            if (valid[pos] == 0) continue;
             if (runs.empty() || prio < runs.back().second.low) {
                 Group g;
                 g.first = pos;

@@ -71,6 +71,16 @@ public:
     virtual int hw_write(uint32_t loc, const uint8_t *key, uint16_t prio) = 0;
     virtual int hw_clear(uint32_t loc) = 0;
     virtual int hw_get(uint32_t loc, bool *valid, uint8_t *key, uint16_t *prio) = 0;
+    // count locations from first, laid end to end; a port may read them at once.
+    virtual int hw_get_range(uint32_t first, uint32_t count, uint8_t *valid, uint8_t *keys,
+                             uint16_t *prio, uint32_t key_bytes) {
+        for (uint32_t i = 0; i < count; ++i) {
+            bool v = false;
+            if (hw_get(first + i, &v, keys + std::size_t{i} * key_bytes, &prio[i]) != 0) return -1;
+            valid[i] = v ? 1 : 0;
+        }
+        return 0;
+    }
     virtual int camindex(uint32_t op, uint32_t old_sloc, uint32_t new_sloc) = 0;
     // *ok: may the entry being inserted take sloc?
     virtual int validate(uint32_t sloc, bool *ok) = 0;

@@ -56,6 +56,10 @@ public:
         *valid = v != 0;
         return rc;
     }
+    int hw_get_range(uint32_t first, uint32_t count, uint8_t *valid, uint8_t *keys,
+                     uint16_t *prio, uint32_t /*key_bytes*/) override {
+        return sim_hw_tcam_get_range(inst_, tbl_type_, first, count, valid, keys, prio);
+    }
     // The crash point is reached just before the client hears of the step.
     int camindex(uint32_t op, uint32_t old_sloc, uint32_t new_sloc) override {
         sim_fault_point(fault_point(op));
