@@ -40,40 +40,32 @@ Call decode_call(Run &r)
     return c;
 }
 
-Entry decode_entry(Bytes &in, uint32_t tbl)
-{
-    Entry e;
-    e.used = true;
-    in.fill(e.key.data(), key_bytes(tbl));
-    e.prio = in.u16();
-    in.fill(e.result.data(), e.result.size());
-    e.acl_prio = tbl == TCAMWRAP_TBL_ACLI ? in.u8() & 1 : 1;
-    return e;
-}
-
 // A write, result-word write or delete; any of its buffers may be left out.
 void change(Run &r, OpKind kind)
 {
     Call c = decode_call(r);
     const uint8_t leave_out = r.in.u8() >= 240 ? r.in.u8() : 0; // bits: keys, prio, ssram, acl
     Op op{kind, c.p.tbl_type, c.p.inst, c.p.start_addr, c.p.num_entries, {}};
-    const uint32_t n = c.p.num_entries, kb = key_bytes(op.tbl_type);
-    Buffer keys(n * kb), prios(n * 2), results(n * TCAMWRAP_RESULT_BYTES), acl(n);
+    const uint32_t n = c.p.num_entries, kb = key_bytes(op.tbl_type), rb = TCAMWRAP_RESULT_BYTES;
+    auto keys = buffer(n * kb), prios = buffer(n * 2), results = buffer(n * rb), acl = buffer(n);
     for (uint32_t i = 0; kind != OpKind::del && i < n; ++i) {
-        op.entries.push_back(decode_entry(r.in, op.tbl_type));
-        const Entry &e = op.entries.back();
-        std::memcpy(keys.data() + i * kb, e.key.data(), kb);
-        std::memcpy(prios.data() + i * 2, &e.prio, 2);
-        std::memcpy(results.data() + i * TCAMWRAP_RESULT_BYTES, e.result.data(), e.result.size());
-        acl.data()[i] = e.acl_prio;
+        Entry &e = op.entries.emplace_back();
+        e.used = true;
+        r.in.fill(&keys[i * kb], kb);
+        r.in.fill(&prios[i * 2], 2);
+        r.in.fill(&results[i * rb], rb);
+        acl[i] = op.tbl_type == TCAMWRAP_TBL_ACLI ? r.in.u8() & 1 : 1;
+        std::memcpy(e.key.data(), &keys[i * kb], kb);
+        std::memcpy(&e.prio, &prios[i * 2], 2);
+        std::memcpy(e.result.data(), &results[i * rb], rb);
+        e.acl_prio = acl[i];
     }
-    uint8_t *k = leave_out & 1 ? nullptr : keys.data();
-    auto *pr = leave_out & 2 ? nullptr : reinterpret_cast<uint16_t *>(prios.data());
-    uint8_t *res = leave_out & 4 ? nullptr : results.data();
-    uint8_t *ap = (op.tbl_type == TCAMWRAP_TBL_ACLI) != bool(leave_out & 8) ? acl.data() : nullptr;
+    uint8_t *k = leave_out & 1 ? nullptr : keys.get();
+    auto *pr = leave_out & 2 ? nullptr : reinterpret_cast<uint16_t *>(prios.get());
+    uint8_t *res = leave_out & 4 ? nullptr : results.get();
+    uint8_t *ap = (op.tbl_type == TCAMWRAP_TBL_ACLI) != bool(leave_out & 8) ? acl.get() : nullptr;
     const bool refused = (kind == OpKind::write && (leave_out & 15) != 0) ||
                          (kind == OpKind::ssram && res == nullptr);
-
     std::vector<Unit> units;
     Expect e{-1, EINVAL, 0};
     if (c.valid && !refused) {
@@ -106,11 +98,11 @@ void read(Run &r)
     Call c = decode_call(r);
     const uint8_t which = r.in.u8() % 5;
     const bool no_buffer = r.in.u8() >= 250;
-    const uint32_t n = c.p.num_entries, tbl = c.p.tbl_type;
-    Buffer out(n * (which < 2 ? key_bytes(tbl) : which == 4 ? 1 : TCAMWRAP_RESULT_BYTES));
-    Buffer prio(n * 2);
-    uint8_t *buf = no_buffer ? nullptr : out.data();
-    auto *pr = reinterpret_cast<uint16_t *>(prio.data());
+    const uint32_t n = c.p.num_entries, tbl = c.p.tbl_type, kb = key_bytes(tbl);
+    auto out = buffer(n * (which < 2 ? kb : which == 4 ? 1 : TCAMWRAP_RESULT_BYTES));
+    auto prio = buffer(n * 2);
+    uint8_t *buf = no_buffer ? nullptr : out.get();
+    auto *pr = reinterpret_cast<uint16_t *>(prio.get());
     tbl_params p = c.p;
     const int rc = which == 0   ? tcamwrap_fwd_tcam_read(&p, buf)
                    : which == 1 ? tcamwrap_fwd_tcam_read_with_priority(&p, buf, pr)
@@ -123,46 +115,23 @@ void read(Run &r)
                         (which < 3 || tbl == TCAMWRAP_TBL_ACLI)),
             text + ": the library must refuse this call");
     if (rc == 0 && which < 2 && c.p.inst != TCAMWRAP_ALL_INSTS) {
-        const uint32_t kb = key_bytes(tbl);
-        std::vector<uint8_t> want_keys(n * kb, 0xFF);
-        std::vector<uint16_t> want_prio(n, 0);
-        size_t packed = 0;
+        std::vector<uint8_t> keys(n * kb, 0xFF); // an unused loc reads as all ones
+        std::vector<uint16_t> prios(n, 0);       // unused locs take no place among them
+        size_t at = 0;
         for (uint32_t i = 0; i < n; ++i) {
             const Entry &e = r.model[c.p.inst][tbl][c.p.start_addr + i];
-            if (e.used)
-                std::memcpy(want_keys.data() + i * kb, e.key.data(), kb);
-            // Unmapped locs take no place of their own among the priorities.
-            if (e.used)
-                want_prio[packed++] = e.prio;
-            else if (packed < n)
-                want_prio[packed] = 0xFFFF;
+            if (e.used) {
+                std::memcpy(&keys[i * kb], e.key.data(), kb);
+                prios[at++] = e.prio;
+            } else if (at < n) {
+                prios[at] = 0xFFFF;
+            }
         }
-        require(std::memcmp(want_keys.data(), buf, want_keys.size()) == 0, text + ": keys");
-        require(which == 0 || !is_orvex(tbl) ||
-                    std::memcmp(want_prio.data(), pr, want_prio.size() * 2) == 0,
+        require(std::memcmp(keys.data(), buf, keys.size()) == 0, text + ": keys");
+        require(which == 0 || !is_orvex(tbl) || std::memcmp(prios.data(), pr, n * 2) == 0,
                 text + ": priorities");
     }
     r.model = check_card(r.model, {}, false, text);
-}
-
-void dump(Run &r)
-{
-    Call c = decode_call(r);
-    const uint8_t how = r.in.u8() % 3;
-    (void)capture_dump([&](int fd) {
-        if (how == 0)
-            tcamwrap_lmt_dump(fd, &c.p);
-        else
-            tcamwrap_orvex_tcam_dump(fd, &c.p, how == 2);
-    });
-    r.model = check_card(r.model, {}, false, "dump");
-}
-
-void parity(Run &r)
-{
-    tcamwrap_parity_msg req = parity_request(r.in);
-    (void)correct_parity(r.in, req);
-    r.model = check_card(r.model, {}, true, "parity");
 }
 
 } // namespace
@@ -176,29 +145,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     Run r{in, open_card_shape(), {}};
     r.model = empty_model(r.shape);
     for (int calls = 0; calls < 24 && !in.empty(); ++calls) {
-        switch (in.u8() % 8) {
-        case 0:
+        const uint8_t what = in.u8() % 8;
+        if (what == 0)
             require(start_library(1, level) == 0, "restart");
-            r.model = check_card(r.model, {}, true, "restart");
-            break;
-        case 1:
-        case 2:
-            change(r, OpKind::write);
-            break;
-        case 3:
-            change(r, in.u8() & 1 ? OpKind::ssram : OpKind::del);
-            break;
-        case 4:
-        case 5:
+        else if (what <= 3)
+            change(r, what < 3 ? OpKind::write : in.u8() & 1 ? OpKind::ssram : OpKind::del);
+        else if (what <= 5)
             read(r);
-            break;
-        case 6:
-            dump(r);
-            break;
-        default:
-            parity(r);
-            break;
+        else if (what == 6)
+            dump(in, decode_call(r).p);
+        else {
+            tcamwrap_parity_msg req = parity_request(in);
+            (void)correct_parity(in, req);
         }
+        if (what == 0 || what >= 6) // nothing changes: every loc as it was, every lookup right
+            r.model = check_card(r.model, {}, true, what == 0 ? "restart" : "dump or parity");
     }
     check_card(r.model, {}, true, "last call");
     return 0;

@@ -1,20 +1,14 @@
 // fuzz_card.hpp - what the fuzz targets share: the fuzzer's bytes as a reader,
-// the small simulated cards they run on (one state directory per process), the
-// library's start (fresh or restart with restore) and the whole-card check of
-// tcamwrap-sim (every loc read back against a model, maps and store audited,
-// lookups). A check that fails prints its problems and aborts, so the fuzzer
-// keeps the input.
+// the small simulated cards (a state directory each), the library's start and
+// tcamwrap-sim's whole-card check. A failing check aborts, so the fuzzer keeps
+// the input.
 #pragma once
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "card_model.hpp"
 #include "client.hpp"
@@ -37,32 +31,21 @@ class Bytes
     uint16_t u16() { return static_cast<uint16_t>(u8() << 8 | u8()); }
     uint32_t u32() { return static_cast<uint32_t>(u16()) << 16 | u16(); }
     uint32_t below(uint32_t n) { return n == 0 ? 0 : u32() % n; }
-    void fill(uint8_t *out, size_t n)
+    void fill(void *out, size_t n)
     {
-        for (size_t i = 0; i < n; ++i)
-            out[i] = u8();
+        std::generate_n(static_cast<uint8_t *>(out), n, [&] { return u8(); });
     }
     // A table type: mostly the three real ones, sometimes anything.
-    uint32_t table()
-    {
-        const uint8_t d = u8();
-        return d < 240 ? kTableTypes[d % 3] : u8();
-    }
+    uint32_t table() { return pick(240) ? kTableTypes[last_ % 3] : u8(); }
     // An instance: 0, 1, every instance (254), or anything.
-    uint8_t inst()
-    {
-        const uint8_t d = u8();
-        return d < 100 ? 0 : d < 170 ? 1 : d < 240 ? TCAMWRAP_ALL_INSTS : u8();
-    }
+    uint8_t inst() { return pick(240) ? (last_ < 100 ? 0 : last_ < 170 ? 1 : 254) : u8(); }
     // A location or sloc: mostly inside a table of size entries, a few beyond.
-    uint32_t loc(uint32_t size)
-    {
-        const uint8_t d = u8();
-        return d < 250 ? d % (size + 2) : u32();
-    }
+    uint32_t loc(uint32_t size) { return pick(250) ? last_ % (size + 2) : u32(); }
 
   private:
+    bool pick(uint8_t below) { return (last_ = u8()) < below; }
     const uint8_t *p_, *end_;
+    uint8_t last_ = 0;
 };
 
 // The cards: all tables on the Orvex engine on two instances, and one instance
@@ -73,17 +56,14 @@ inline constexpr const char *kCards[] = {
     "insts=1,fib=32,acli=16,aclo=16,aclo_kind=tcam3",
 };
 
-[[noreturn]] inline void fail(const std::string &what)
-{
-    std::fprintf(stderr, "FUZZ CHECK FAILED: %s\n", what.c_str());
-    std::fflush(stderr);
-    std::abort();
-}
+inline const std::vector<uint32_t> kTables(std::begin(kTableTypes), std::end(kTableTypes));
 
 inline void require(bool ok, const std::string &what)
 {
-    if (!ok)
-        fail(what);
+    if (ok)
+        return;
+    std::fprintf(stderr, "FUZZ CHECK FAILED: %s\n", what.c_str());
+    std::abort();
 }
 
 // Frees what the library allocated at its last start: it has no shutdown, and a
@@ -157,21 +137,28 @@ inline CardModel check_card(const CardModel &model, const std::vector<Unit> &inf
                             bool lookups, const std::string &after,
                             const std::vector<std::string> &tolerated = {})
 {
-    const std::vector<uint32_t> tables(std::begin(kTableTypes), std::end(kTableTypes));
     Verification v;
     CardModel found;
-    verify_locs(model, inflight, tables, v, found);
+    verify_locs(model, inflight, kTables, v, found);
     verify_audit(v);
     if (lookups)
-        verify_lookups(found, tables, v);
+        verify_lookups(found, kTables, v);
     std::erase_if(v.problems, [&](const Problem &p) {
         return std::find(tolerated.begin(), tolerated.end(), p.kind) != tolerated.end();
     });
-    if (!v.problems.empty() || v.problem_count > Verification::kKeptProblems) {
-        for (const Problem &p : v.problems)
-            std::fprintf(stderr, "  %s: %s\n", p.kind.c_str(), p.text.c_str());
-        fail(after + ": " + std::to_string(v.problem_count) + " problems");
-    }
+    for (const Problem &p : v.problems)
+        std::fprintf(stderr, "  %s: %s\n", p.kind.c_str(), p.text.c_str());
+    require(v.problems.empty() && v.problem_count <= Verification::kKeptProblems,
+            after + ": " + std::to_string(v.problem_count) + " problems");
+    return found;
+}
+
+// What the card holds, read back through the library.
+inline CardModel read_card()
+{
+    Verification ignored;
+    CardModel found;
+    verify_locs(empty_model(open_card_shape()), {}, kTables, ignored, found);
     return found;
 }
 
@@ -182,7 +169,7 @@ inline tcamwrap_parity_msg parity_request(Bytes &in)
     tcamwrap_parity_msg req;
     std::memset(&req, 0xA5, sizeof req);
     if (in.u8() >= 224) {
-        in.fill(reinterpret_cast<uint8_t *>(&req), sizeof req);
+        in.fill(&req, sizeof req);
         return req;
     }
     req.tbl_type = in.table();
@@ -216,13 +203,20 @@ inline int32_t correct_parity(Bytes &in, tcamwrap_parity_msg &req)
     return rc;
 }
 
-// A buffer of exactly n bytes (n may be 0), so any access past what a call was
+// One of the two dumps: the map, or the entries from the engine or the hardware.
+inline void dump(Bytes &in, tbl_params p)
+{
+    const uint8_t how = in.u8() % 3;
+    (void)capture_dump([&](int fd) {
+        if (how == 0)
+            tcamwrap_lmt_dump(fd, &p);
+        else
+            tcamwrap_orvex_tcam_dump(fd, &p, how == 2);
+    });
+}
+
+// A buffer of exactly n bytes (n may be 0): any access past what a call was
 // given is a fault the sanitizer reports.
-struct Buffer {
-    explicit Buffer(size_t n) : bytes(new uint8_t[n]()), size(n) {}
-    std::unique_ptr<uint8_t[]> bytes;
-    size_t size;
-    uint8_t *data() { return bytes.get(); }
-};
+inline std::unique_ptr<uint8_t[]> buffer(size_t n) { return std::make_unique<uint8_t[]>(n); }
 
 } // namespace fuzz

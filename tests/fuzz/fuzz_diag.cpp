@@ -62,16 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (card != static_cast<int>(which))
         set_up(which);
     const bool damage_left = parity(in);
-    for (int dumps = in.u8() % 4; dumps > 0; --dumps) {
-        tbl_params p{in.inst(), in.table(), in.u32(), in.u32(), in.u32()};
-        const uint8_t how = in.u8() % 3;
-        (void)capture_dump([&](int fd) {
-            if (how == 0)
-                tcamwrap_lmt_dump(fd, &p);
-            else
-                tcamwrap_orvex_tcam_dump(fd, &p, how == 2);
-        });
-    }
+    for (int dumps = in.u8() % 4; dumps > 0; --dumps)
+        dump(in, {in.inst(), in.table(), in.u32(), in.u32(), in.u32()});
     if (damage_left)
         card = -1; // the next input starts on a sound card
     else

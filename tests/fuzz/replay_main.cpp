@@ -15,15 +15,12 @@ int main(int argc, char **argv)
 {
     namespace fs = std::filesystem;
     std::vector<fs::path> inputs;
-    for (int i = 1; i < argc; ++i) {
-        if (fs::is_directory(argv[i])) {
+    for (int i = 1; i < argc; ++i)
+        if (fs::is_directory(argv[i]))
             for (const auto &f : fs::directory_iterator(argv[i]))
-                if (f.is_regular_file())
-                    inputs.push_back(f.path());
-        } else if (fs::is_regular_file(argv[i])) {
+                inputs.push_back(f.path());
+        else
             inputs.push_back(argv[i]);
-        }
-    }
     std::sort(inputs.begin(), inputs.end());
     for (const fs::path &p : inputs) {
         std::ifstream f(p, std::ios::binary);
