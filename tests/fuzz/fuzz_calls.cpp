@@ -81,10 +81,15 @@ void change(Run &r, OpKind kind)
     const int rc = kind == OpKind::write   ? tcamwrap_fwd_tcam_ssram_write(&p, k, pr, res, ap)
                    : kind == OpKind::ssram ? tcamwrap_fwd_ssram_write(&p, res)
                                            : tcamwrap_fwd_tcam_delete(&p);
-    const std::string text = op_text(op) + " rc " + std::to_string(rc);
+    const int err = errno;
+    const std::string text = op_text(op) + " rc " + std::to_string(rc) + " errno " +
+                             std::to_string(err);
     // inst 255 covers no instance (its range [255, 0) is empty in 8 bits), so
     // such a call does nothing and may return 0.
     require(e.rc == 0 || rc != 0 || c.p.inst == 255, text + ": the library must refuse this call");
+    // A write may find the table full; anything else fails only for bad arguments.
+    require(rc == 0 || (kind == OpKind::write && err == ENOSPC) || (e.rc != 0 && err == EINVAL),
+            text + ": the library must carry out this call");
     if (rc == 0)
         for (const Unit &u : units)
             apply(r.model, u, u.after);
@@ -109,11 +114,13 @@ void read(Run &r)
                    : which == 2 ? tcamwrap_fwd_ssram_read(&p, buf)
                    : which == 3 ? tcamwrap_fwd_flow_result_read(&p, buf)
                                 : tcamwrap_fwd_acl_prio_read(&p, buf);
+    const int err = errno;
     const std::string text = "read " + std::to_string(which) + " of " +
                              op_text({OpKind::write, tbl, c.p.inst, c.p.start_addr, n, {}});
     require(rc != 0 || (!no_buffer && c.valid && c.in_range == n &&
                         (which < 3 || tbl == TCAMWRAP_TBL_ACLI)),
             text + ": the library must refuse this call");
+    require(rc == 0 || err == EINVAL, text + ": a read fails only with EINVAL");
     if (rc == 0 && which < 2 && c.p.inst != TCAMWRAP_ALL_INSTS) {
         std::vector<uint8_t> keys(n * kb, 0xFF); // an unused loc reads as all ones
         std::vector<uint16_t> prios(n, 0);       // unused locs take no place among them
