@@ -54,10 +54,8 @@ std::vector<uint8_t> record_value(Bytes &in, uint32_t tbl)
     const uint8_t d = in.u8();
     const uint32_t len = d < 80 ? sim_card_table_size(tbl) * 4 : d < 160 ? 12 : in.u8();
     std::vector<uint8_t> value(len);
-    for (uint32_t i = 0; i + 4 <= len; i += 4) {
-        const uint32_t w = word(in);
-        std::memcpy(value.data() + i, &w, 4);
-    }
+    for (uint32_t i = 0, w; i + 4 <= len; i += 4)
+        std::memcpy(value.data() + i, &(w = word(in)), 4);
     return value;
 }
 
@@ -87,13 +85,11 @@ void damage(Bytes &in)
     case 3:
         (void)sim_hw_tcam_clear(inst, hw_tbl, in.below(size));
         break;
-    default: {
+    default:
         const uint32_t mem = in.u8() % 3;
         in.fill(bytes, sizeof bytes);
         (void)sim_hw_mem_write(inst, hw_tbl, mem, in.below(sim_hw_mem_words(hw_tbl, mem)), 1,
                                bytes);
-        break;
-    }
     }
 }
 
