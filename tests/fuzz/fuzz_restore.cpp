@@ -80,7 +80,9 @@ void damage(Bytes &in)
         break;
     case 2:
         in.fill(bytes, sizeof bytes);
-        (void)sim_hw_tcam_write(inst, hw_tbl, in.below(size), bytes, in.u16());
+        // A tcam3 TCAM is programmed with priority 0 only: its lowest match wins.
+        (void)sim_hw_tcam_write(inst, hw_tbl, in.below(size), bytes,
+                                is_orvex(hw_tbl) ? in.u16() : 0);
         break;
     case 3:
         (void)sim_hw_tcam_clear(inst, hw_tbl, in.below(size));
