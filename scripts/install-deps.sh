@@ -4,7 +4,7 @@
 #   --cross  adds the PowerPC toolchain and qemu-user
 #   --plot   adds matplotlib, which bench/report.py draws the benchmark's picture with
 set -euo pipefail
-pkgs=(cmake make g++ pkg-config liblmdb-dev libgtest-dev libbenchmark-dev file)
+pkgs=(cmake make g++ pkg-config liblmdb-dev libgtest-dev libbenchmark-dev file clang-14 libclang-rt-14-dev)
 for opt in "$@"; do
   case "${opt}" in
     --cross) pkgs+=(g++-powerpc-linux-gnu qemu-user) ;;
