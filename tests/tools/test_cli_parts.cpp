@@ -1,11 +1,8 @@
-// Tests of tcamwrap-sim's building blocks: entry layouts, route parsing, the
-// generated tables, bank spreading, argument parsing, output and the audit of
-// maps against the hardware.
+// Tests of tcamwrap-sim's building blocks: entry layouts, route parsing, bank
+// spreading, argument parsing, output and the audit of maps against the hardware.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
-#include <random>
 #include <set>
 #include <tuple>
 #include <utility>
@@ -117,29 +114,6 @@ TEST(AclKeyAndResults, WildcardsHaveZeroMasksAndResultsLeadWithTheAction)
     EXPECT_EQ(cli::hex(a.data(), a.size()), "020000004d");
     const cli::ResultWord w = cli::next_hop_result(0xC0000201u);
     EXPECT_EQ(cli::hex(w.data(), w.size()), "01c0000201");
-}
-
-TEST(Generated, RoutesAreUniqueStartWithTheDefaultAndFollowTheMix)
-{
-    std::mt19937_64 rng(1);
-    cli::PrefixSet taken, seen;
-    const auto routes = cli::generate_routes(20000, rng, taken);
-    ASSERT_EQ(routes.size(), 20000u);
-    EXPECT_EQ(std::pair(routes[0].net, routes[0].len), std::pair(0u, uint8_t{0}));
-    std::map<int, int> by_len;
-    for (const cli::Route &r : routes) {
-        EXPECT_TRUE(seen.insert(r.net, r.len)) << cli::route_text(r.net, r.len);
-        EXPECT_EQ(r.net & ~cli::prefix_mask(r.len), 0u);
-        ++by_len[r.len];
-    }
-    // /24 is a little over half of a public table; /22 and /23 about a tenth.
-    EXPECT_GT(by_len[24], 10000);
-    EXPECT_LT(by_len[24], 12500);
-    EXPECT_GT(by_len[22] + by_len[23], 3000);
-    EXPECT_LT(by_len[8] + by_len[32], 100);
-    std::mt19937_64 again(1);
-    cli::PrefixSet taken2;
-    EXPECT_EQ(cli::generate_routes(20000, again, taken2), routes); // the seed decides
 }
 
 TEST(SpreadLoc, FillsBothHalvesFromStartInTurn)

@@ -316,57 +316,5 @@ TEST_F(Restart, StrayMappingsAndOrphanEntriesAreRepaired)
     EXPECT_EQ(fake::engine(0, FIB).entries.count(12), 0u);
 }
 
-/* A crash at every step of an overwrite: the store and the hardware are taken
- * as they were at that step, and a restart must end with exactly one copy of
- * the entry, mapped, readable, with its own result word, and no journal. */
-TEST_F(Restart, CrashAtEveryStepOfAnOverwrite)
-{
-    const Bytes key_a = make_key(FIB, 0xA), key_b = make_key(FIB, 0xB);
-    const Bytes word_a = make_word(0xA), word_b = make_word(0xB);
-    for (int cut = 0; cut < 8; ++cut) {
-        SCOPED_TRACE(testing::Message() << "crash at camindex event " << cut);
-        SetUp();
-        ASSERT_EQ(start({3}, 0, 0), 0);
-        uint16_t prio = 0x40;
-        tbl_params p = params(0, FIB, 1, 10);
-        ASSERT_EQ(tcamwrap_fwd_tcam_ssram_write(&p, const_cast<uint8_t *>(key_a.data()), &prio,
-                                                const_cast<uint8_t *>(word_a.data()), nullptr),
-                  0);
-        std::map<std::string, std::string> store_then;
-        std::map<uint32_t, fake::EngineEntry> hw_then;
-        int events = 0;
-        fake::set_camindex_observer([&](const fake::CamindexEvent &) {
-            if (events++ == cut) {
-                store_then = fake::store();
-                hw_then = fake::engine(0, FIB).entries;
-            }
-        });
-        ASSERT_EQ(tcamwrap_fwd_tcam_ssram_write(&p, const_cast<uint8_t *>(key_b.data()), &prio,
-                                                const_cast<uint8_t *>(word_b.data()), nullptr),
-                  0);
-        fake::set_camindex_observer(nullptr);
-        ASSERT_EQ(events, 8);
-
-        fake::store() = store_then;
-        fake::engine(0, FIB).entries = hw_then;
-        ASSERT_EQ(start({3}, 1, 0), 0);
-
-        tcam_info *ti = info(0, FIB);
-        ASSERT_NE(ti, nullptr);
-        uint32_t sloc = ti->lmt[10];
-        ASSERT_NE(sloc, INV);
-        EXPECT_EQ(ti->rlmt[sloc], 10u);
-        EXPECT_EQ(fake::engine(0, FIB).entries.size(), 1u);
-        Bytes key(18);
-        ASSERT_EQ(tcamwrap_fwd_tcam_read(&p, key.data()), 0);
-        ASSERT_TRUE(key == key_a || key == key_b);
-        EXPECT_EQ(fake::ssram(0, FIB, sloc), key == key_a ? word_a : word_b);
-        if (cut == 7) {
-            EXPECT_EQ(key, key_b);
-        }
-        EXPECT_EQ(fake::store().count(fake::store_key(prefix_str(), 3, 0, 3, 0)), 0u);
-    }
-}
-
 }  // namespace
 }  // namespace tw
