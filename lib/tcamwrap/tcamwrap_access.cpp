@@ -355,7 +355,7 @@ extern "C" int tcamwrap_fwd_tcam_ssram_write(tbl_params *params, uint8_t *keys, 
 
     for (uint32_t i = 0; i < params->num_entries; i++) {
         const uint32_t loc = params->start_addr + i;
-        const uint8_t acl_value = acl_prio != nullptr && acli ? *acl_prio : 1;
+        const uint8_t acl_value = acl_prio != nullptr ? *acl_prio : 1; /* ACLI only, checked above */
         for (uint8_t inst = lo; inst < hi; inst++) {
             copy.inst = inst;
             rc = orvex ? tcamwrap_write_orvex_entry(&copy, loc, keys, prio, ssram, acl_value)

@@ -9,32 +9,6 @@
 
 namespace {
 
-/* Map accessors that never leave the table: a read outside it gives the invalid
- * marker, a write outside it is skipped. The engine's callbacks can carry an
- * invalid loc (a move of an sloc nobody owns), and an assertion that reports it
- * does not stop the update that follows. */
-uint32_t tcamwrap_lmt_at(const tcam_info *info, uint32_t loc)
-{
-    return loc < info->lmt_sz ? info->lmt[loc] : TCAMWRAP_INVALID_LOC;
-}
-
-uint32_t tcamwrap_rlmt_at(const tcam_info *info, uint32_t sloc)
-{
-    return sloc < info->lmt_sz ? info->rlmt[sloc] : TCAMWRAP_INVALID_LOC;
-}
-
-void tcamwrap_lmt_set(tcam_info *info, uint32_t loc, uint32_t sloc)
-{
-    if (loc < info->lmt_sz)
-        info->lmt[loc] = sloc;
-}
-
-void tcamwrap_rlmt_set(tcam_info *info, uint32_t sloc, uint32_t loc)
-{
-    if (sloc < info->lmt_sz)
-        info->rlmt[sloc] = loc;
-}
-
 /* Persist the segment of a changed loc; a loc outside the table changed nothing. */
 int tcamwrap_store_changed_loc(const tcam_info *info, uint8_t inst, uint32_t tbl_type,
                                uint32_t loc)
@@ -337,6 +311,23 @@ int tcamwrap_internal_ssram_update(tbl_params *params, uint8_t *acl_prio, uint8_
 
 /* ---- camindex callback ------------------------------------------------------------ */
 
+namespace {
+
+/* A place beyond a managed table cannot be a place of the engine's: an add or a
+ * move there is refused before any map or result memory is touched. */
+bool tcamwrap_sloc_beyond_table(const tcamwrap_cb_handle *h, uint32_t sloc)
+{
+    const tcam_info *info = tcamwrap_tcam_info(h->inst, h->tbl_type);
+    if (info == nullptr || sloc < info->lmt_sz)
+        return false;
+    TCAMWRAP_TRACE(3, "*** sloc 0x%x is beyond LMT<%d %d> of %d entries ***\n", sloc, h->inst,
+                   h->tbl_type, info->lmt_sz);
+    tcamwrap_saved_errno = EINVAL;
+    return true;
+}
+
+} // namespace
+
 extern "C" int tcamwrap_cb_orvex_tcam_camindex(void *handle, uint32_t unused1, uint32_t unused2,
                                                uint32_t op, uint32_t old_sloc, uint32_t new_sloc)
 {
@@ -353,6 +344,11 @@ extern "C" int tcamwrap_cb_orvex_tcam_camindex(void *handle, uint32_t unused1, u
 
     tbl_params params = {h->inst, h->tbl_type, 1, 0, 0};
     tcamwrap_print_camindex_cb_type(op, old_sloc, new_sloc);
+
+    const bool to_place = op == TCAMWRAP_CB_PRE_ADD || op == TCAMWRAP_CB_PRE_MOVE ||
+                          op == TCAMWRAP_CB_POST_MOVE;
+    if (to_place && tcamwrap_sloc_beyond_table(h, new_sloc))
+        return tcamwrap_return_saved(-1);
 
     int rc = 0;
     switch (op) {
@@ -486,7 +482,7 @@ extern "C" int tcamwrap_cb_orvex_tcam_restore(void *handle, uint32_t camindex,
         return -1;
     }
     h->restored_entries++;
-    info->sloc_valid[camindex] = 1;
+    tcamwrap_sloc_valid_of(info)[camindex] = 1;
     if (width == TCAMWRAP_FIB_KEY_BITS)
         TCAMWRAP_TRACE(7,
                        "restoring entry %u, camindex: %x value:%2.2x%8.8x%8.8x mask: "

@@ -239,7 +239,7 @@ extern "C" int32_t tcamwrap_lmt_get_sloc(uint32_t inst, uint32_t tbl_type, uint3
         return (int32_t)loc;
     if (loc >= info->lmt_sz)
         return -1;
-    return (int32_t)info->lmt[loc];
+    return (int32_t)tcamwrap_lmt_of(info)[loc];
 }
 
 /* ---- debug control --------------------------------------------------------------- */

@@ -59,7 +59,7 @@ void tcamwrap_lmt_dump_rows(int fd, const tcam_info *info, bool fib)
 {
     uint32_t rows = 0;
     for (uint32_t loc = 0; loc < info->lmt_sz; loc++) {
-        const uint32_t sloc = info->lmt[loc];
+        const uint32_t sloc = tcamwrap_lmt_of(info)[loc];
         if (sloc == TCAMWRAP_INVALID_LOC)
             continue;
         if (fib)

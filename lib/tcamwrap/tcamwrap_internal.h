@@ -121,15 +121,70 @@ inline uint32_t tcamwrap_key_stride(uint32_t tbl_type)
     return tbl_type == TCAMWRAP_TBL_FIB ? TCAMWRAP_FIB_KEY_BYTES : TCAMWRAP_ACL_KEY_BYTES;
 }
 
+/* One map of a table (LMT, RLMT or the sloc-valid table) as lmt_sz elements.
+ * Every index into a map goes through one of these: the callers check their
+ * indices against the table, and a build with TCAMWRAP_BOUND_CHECKS (the
+ * default) traps an index that got past such a check instead of touching the
+ * memory beside the map. */
+template <typename T> struct tcamwrap_map {
+    T *elems;
+    uint32_t size;
+    T &operator[](uint32_t i) const
+    {
+#ifdef TCAMWRAP_BOUND_CHECKS
+        if (i >= size)
+            __builtin_trap();
+#endif
+        return elems[i];
+    }
+};
+
+inline tcamwrap_map<uint32_t> tcamwrap_lmt_of(const tcam_info *info)
+{
+    return {info->lmt, info->lmt_sz};
+}
+
+inline tcamwrap_map<uint32_t> tcamwrap_rlmt_of(const tcam_info *info)
+{
+    return {info->rlmt, info->lmt_sz};
+}
+
+inline tcamwrap_map<uint8_t> tcamwrap_sloc_valid_of(const tcam_info *info)
+{
+    return {info->sloc_valid, info->lmt_sz};
+}
+
+/* Map accessors that never leave the table: a read outside it gives the invalid
+ * marker, a write outside it is skipped. The engine's callbacks can carry an
+ * invalid loc (a move of an sloc nobody owns), and an assertion that reports it
+ * does not stop the update that follows. */
+inline uint32_t tcamwrap_lmt_at(const tcam_info *info, uint32_t loc)
+{
+    return loc < info->lmt_sz ? tcamwrap_lmt_of(info)[loc] : TCAMWRAP_INVALID_LOC;
+}
+
+inline uint32_t tcamwrap_rlmt_at(const tcam_info *info, uint32_t sloc)
+{
+    return sloc < info->lmt_sz ? tcamwrap_rlmt_of(info)[sloc] : TCAMWRAP_INVALID_LOC;
+}
+
+inline void tcamwrap_lmt_set(tcam_info *info, uint32_t loc, uint32_t sloc)
+{
+    if (loc < info->lmt_sz)
+        tcamwrap_lmt_of(info)[loc] = sloc;
+}
+
+inline void tcamwrap_rlmt_set(tcam_info *info, uint32_t sloc, uint32_t loc)
+{
+    if (sloc < info->lmt_sz)
+        tcamwrap_rlmt_of(info)[sloc] = loc;
+}
+
 /* The loc that owns sloc: sloc itself on an unmanaged table, invalid beyond the
  * table, else the RLMT entry. */
 inline uint32_t tcamwrap_rlmt_get_loc(const tcam_info *info, uint32_t sloc)
 {
-    if (info == nullptr)
-        return sloc;
-    if (sloc >= info->lmt_sz)
-        return TCAMWRAP_INVALID_LOC;
-    return info->rlmt[sloc];
+    return info == nullptr ? sloc : tcamwrap_rlmt_at(info, sloc);
 }
 
 /* A big-endian 32-bit field of a key buffer. */

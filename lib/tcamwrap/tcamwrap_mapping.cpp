@@ -142,19 +142,18 @@ void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *in
     }
     /* The same segment met again (a damaged store can hold it under two keys):
      * the later copy rules, so the slocs of the earlier one are released. */
+    const auto lmt = tcamwrap_lmt_of(info);
+    const auto rlmt = tcamwrap_rlmt_of(info);
     for (uint32_t loc = first; again && loc < first + words; loc++) {
-        const uint32_t sloc = info->lmt[loc];
-        if (sloc < info->lmt_sz && info->rlmt[sloc] == loc)
-            info->rlmt[sloc] = TCAMWRAP_INVALID_LOC;
+        const uint32_t sloc = lmt[loc];
+        if (sloc < info->lmt_sz && rlmt[sloc] == loc)
+            rlmt[sloc] = TCAMWRAP_INVALID_LOC;
     }
     if (words != 0 && value->data != nullptr)
         memcpy(info->lmt + first, value->data, words * sizeof(uint32_t));
 
-    for (uint32_t i = 0; i < TCAMWRAP_SEG_ENTRIES; i++) {
-        const uint32_t loc = first + i;
-        if (loc >= info->lmt_sz)
-            break;
-        const uint32_t sloc = info->lmt[loc];
+    for (uint32_t loc = first; loc < first + room; loc++) {
+        const uint32_t sloc = lmt[loc];
         if (sloc == TCAMWRAP_INVALID_LOC)
             continue;
         if (sloc >= info->lmt_sz) {
@@ -163,10 +162,10 @@ void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *in
             TCAMWRAP_TRACE_AS("tcamwrap_lmt_restore", 3,
                               "*** loc: 0x%x sloc: 0x%x is beyond the table, dropped ***\n", loc,
                               sloc);
-            info->lmt[loc] = TCAMWRAP_INVALID_LOC;
+            lmt[loc] = TCAMWRAP_INVALID_LOC;
             continue;
         }
-        info->rlmt[sloc] = loc;
+        rlmt[sloc] = loc;
         TCAMWRAP_TRACE_AS("tcamwrap_lmt_restore", 7, "loc: 0x%x sloc: 0x%x\n", loc, sloc);
     }
 }
@@ -431,12 +430,9 @@ void tcamwrap_post_restore_switch(tcam_info *info, uint8_t inst, uint32_t tbl_ty
                       inst, tbl_type, loc, target);
     /* Indices outside the table (a journal that does not fit it, or an LMT that
      * lost the mapping) are not written. */
-    if (loc < info->lmt_sz)
-        info->lmt[loc] = target;
-    if (target < info->lmt_sz)
-        info->rlmt[target] = loc;
-    if (lmt_sloc < info->lmt_sz)
-        info->rlmt[lmt_sloc] = TCAMWRAP_INVALID_LOC;
+    tcamwrap_lmt_set(info, loc, target);
+    tcamwrap_rlmt_set(info, target, loc);
+    tcamwrap_rlmt_set(info, lmt_sloc, TCAMWRAP_INVALID_LOC);
     /* Stored before the record goes, as at the end of an overwrite. */
     if (loc < info->lmt_sz)
         (void)tcamwrap_kvs_store_lmt_segment(inst, tbl_type, loc);
@@ -444,7 +440,7 @@ void tcamwrap_post_restore_switch(tcam_info *info, uint8_t inst, uint32_t tbl_ty
 
 bool tcamwrap_sloc_in_hw(const tcam_info *info, uint32_t sloc)
 {
-    return sloc < info->lmt_sz && info->sloc_valid[sloc] != 0;
+    return sloc < info->lmt_sz && tcamwrap_sloc_valid_of(info)[sloc] != 0;
 }
 
 /* A copy named by the journal is the overwritten loc's only while the hardware
@@ -454,7 +450,7 @@ bool tcamwrap_journal_copy_ours(const tcam_info *info, uint32_t sloc, uint32_t l
 {
     if (!tcamwrap_sloc_in_hw(info, sloc))
         return false;
-    const uint32_t owner = info->rlmt[sloc];
+    const uint32_t owner = tcamwrap_rlmt_at(info, sloc);
     return owner == TCAMWRAP_INVALID_LOC || owner == loc;
 }
 
@@ -495,7 +491,7 @@ int tcamwrap_post_restore_journal(tcam_info *info, tbl_params *params, uint32_t 
                                                         &record[TCAMWRAP_OW_OLD_SLOC]);
             if (rc != 0)
                 return rc; /* the record stays for the next start */
-            info->sloc_valid[old_sloc] = 0; /* gone: the orphan scan must not see it */
+            tcamwrap_sloc_valid_of(info)[old_sloc] = 0; /* gone: the orphan scan must not see it */
         }
     } else if (!old_valid && !new_valid) {
         TCAMWRAP_ASSERT(false, "tcamwrap_post_restore", 1364);
@@ -521,9 +517,8 @@ void tcamwrap_post_restore_drop_loc(tcam_info *info, uint8_t inst, uint32_t tbl_
 {
     TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3, "<%d, %d> Invalidating LMT entry at loc: 0x%x\n",
                       inst, tbl_type, loc);
-    if (sloc < info->lmt_sz)
-        info->rlmt[sloc] = TCAMWRAP_INVALID_LOC;
-    info->lmt[loc] = TCAMWRAP_INVALID_LOC;
+    tcamwrap_rlmt_set(info, sloc, TCAMWRAP_INVALID_LOC);
+    tcamwrap_lmt_of(info)[loc] = TCAMWRAP_INVALID_LOC;
     changed.set(tcamwrap_segment_of(loc));
 }
 
@@ -534,7 +529,7 @@ void tcamwrap_post_restore_lmt_scan(tcam_info *info, uint8_t inst, uint32_t tbl_
                                     tcamwrap_segment_set &changed)
 {
     for (uint32_t loc = 0; loc < info->lmt_sz; loc++) {
-        const uint32_t sloc = info->lmt[loc];
+        const uint32_t sloc = tcamwrap_lmt_of(info)[loc];
         if (sloc == TCAMWRAP_INVALID_LOC)
             continue;
         if (!tcamwrap_sloc_in_hw(info, sloc)) {
@@ -544,7 +539,7 @@ void tcamwrap_post_restore_lmt_scan(tcam_info *info, uint8_t inst, uint32_t tbl_
             tcamwrap_post_restore_drop_loc(info, inst, tbl_type, loc, sloc, changed);
             continue;
         }
-        const uint32_t owner = info->rlmt[sloc];
+        const uint32_t owner = tcamwrap_rlmt_of(info)[sloc];
         if (owner == loc)
             continue;
         TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3,
@@ -561,7 +556,7 @@ void tcamwrap_post_restore_lmt_scan(tcam_info *info, uint8_t inst, uint32_t tbl_
 int tcamwrap_post_restore_rlmt_scan(tcam_info *info, tbl_params *params)
 {
     for (uint32_t sloc = 0; sloc < info->lmt_sz; sloc++) {
-        if (info->sloc_valid[sloc] != 1 ||
+        if (tcamwrap_sloc_valid_of(info)[sloc] != 1 ||
             tcamwrap_rlmt_get_loc(info, sloc) != TCAMWRAP_INVALID_LOC)
             continue;
         TCAMWRAP_TRACE_AS("tcamwrap_post_restore", 3, "<%d, %d> RLMT inconsistency found at sloc: 0x%x ..!!\n",

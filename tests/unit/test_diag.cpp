@@ -117,11 +117,14 @@ TEST_F(Diag, DumpsOfTablesThatAreNotThere)
     orvex(ACLI);
     table(0, ACLI, 8);
     tbl_params tcam3 = params(0, FIB, 1, 0), unmanaged = params(1, ACLI, 1, 0);
+    level(7);
     for (tbl_params *p : {(tbl_params *)nullptr, &tcam3, &unmanaged}) {
+        const size_t traced = fake::hist_events().size();
         tcamwrap_lmt_dump(sock.fd(), p);
         tcamwrap_orvex_tcam_dump(sock.fd(), p, 1);
         EXPECT_TRUE(sock.pieces().empty());
         EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
+        EXPECT_EQ(fake::hist_events().size(), traced + 2) << "each refusal says why";
     }
 }
 
@@ -168,16 +171,25 @@ TEST_F(Diag, AclTcamDumpFromSoftware)
     EXPECT_EQ(fake::calls_of("orvex_tcam_dump_tables")[0].a[0], 0u);
 }
 
-TEST_F(Diag, WalkFailureStillSendsTheFooter)
+/* Only a failed walk is an error (an empty table is not); the footer is sent
+ * either way, with the entries walked so far. */
+TEST_F(Diag, FailedWalkIsReportedAndStillSendsTheFooter)
 {
     orvex(FIB);
     table(0, FIB, 64);
-    fake::set_walk({{5, {1, 2, 3}, {4, 5, 6}, 72, 0, 0, 0}}, -3);
     tbl_params p = params(0, FIB, 1, 0);
-    tcamwrap_orvex_tcam_dump(sock.fd(), &p, 0);
-    Pieces got = sock.pieces();
-    ASSERT_EQ(got.size(), 4u);
-    EXPECT_EQ(got[3], kFooterRule + "\nTotal entries = 1\n");
+    level(3);
+    for (int rc : {-3, 0}) {
+        SCOPED_TRACE(rc);
+        std::vector<fake::WalkEntry> walked;
+        if (rc < 0)
+            walked.push_back({5, {1, 2, 3}, {4, 5, 6}, 72, 0, 0, 0});
+        fake::set_walk(walked, rc);
+        const size_t traced = fake::hist_events().size();
+        tcamwrap_orvex_tcam_dump(sock.fd(), &p, 0);
+        EXPECT_EQ(sock.pieces().back(), kFooterRule + "\nTotal entries = " + std::to_string(walked.size()) + "\n");
+        EXPECT_EQ(fake::hist_events().size() > traced, rc < 0);
+    }
 }
 
 /* ---- tcamwrap_parity_correction ------------------------------------------------------------ */

@@ -148,6 +148,42 @@ TEST_F(Mapping, UnexpectedOpersChangeNothing)
     expect_maps_consistent(ti);
 }
 
+/* An index at the table's end (lmt_sz) in any callback changes no map and
+ * touches nothing beside it (the bound-checked build traps such an access). */
+TEST_F(Mapping, IndicesAtTheTableEndChangeNoMap)
+{
+    asserts_expected_ = true;
+    const struct {
+        const char *name;
+        uint32_t op, oper, loc, old_sloc, new_sloc;
+        int rc;
+    } cases[] = {
+        {"add of loc 64", TCAMWRAP_CB_PRE_ADD, TCAMWRAP_OPER_ADD, 64, INV, 41, -1},
+        {"add at sloc 64", TCAMWRAP_CB_PRE_ADD, TCAMWRAP_OPER_ADD, 13, INV, 64, -1},
+        {"delete of sloc 64", TCAMWRAP_CB_POST_DEL, TCAMWRAP_OPER_DELETE, 0, 64, INV, 0},
+        {"move from sloc 64", TCAMWRAP_CB_PRE_MOVE, TCAMWRAP_OPER_MOVE, 0, 64, 41, 0},
+        {"move of loc 12 to sloc 64", TCAMWRAP_CB_PRE_MOVE, TCAMWRAP_OPER_MOVE, 0, 40, 64, -1},
+        {"move done from sloc 64", TCAMWRAP_CB_POST_MOVE, TCAMWRAP_OPER_MOVE, INV, 64, 41, 0},
+        {"move done to sloc 64", TCAMWRAP_CB_POST_MOVE, TCAMWRAP_OPER_MOVE, 12, 40, 64, -1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        SetUp();
+        tcam_info *ti = fresh(FIB, 64);
+        add(ti, 12, 40);
+        prepare(&ti->cb_handle, c.loc, c.oper, 1, make_word(2));
+        errno = 0;
+        EXPECT_EQ(cam(&ti->cb_handle, c.op, c.old_sloc, c.new_sloc), c.rc);
+        if (c.rc != 0) {
+            EXPECT_EQ(errno, EINVAL);
+        }
+        for (uint32_t i = 0; i < 64; ++i) {
+            EXPECT_EQ(ti->lmt[i], i == 12 ? 40u : INV) << "loc " << i;
+            EXPECT_EQ(ti->rlmt[i], i == 40 ? 12u : INV) << "sloc " << i;
+        }
+    }
+}
+
 /* ---- moves ----------------------------------------------------------------------- */
 TEST_F(Mapping, EngineMoveCopiesResultMemoriesThenSwitchesTheLmt)
 {

@@ -268,6 +268,7 @@ TEST_F(Restart, StaleJournalRecordsNeverTakeAnotherLocsEntry)
         uint32_t lmt8;            /* loc 8, which may own one of the record's places */
         std::vector<uint32_t> hw;
         std::vector<uint32_t> deleted;
+        uint32_t new_sloc = 20;   /* the record's new place */
     } cases[] = {
         /* The record outlived its overwrite and the engine gave old_sloc 9 to loc 8. */
         {"old place reused", 20, 9, {9, 20}, {}},
@@ -275,6 +276,8 @@ TEST_F(Restart, StaleJournalRecordsNeverTakeAnotherLocsEntry)
         {"new place reused", INV, 20, {9, 20}, {9}},
         /* Loc 5 lost its mapping: the unowned copy is nobody's. */
         {"loc unmapped", INV, INV, {20}, {20}},
+        /* A record whose new place lies at the table's end names nothing. */
+        {"new place beyond the table", 9, INV, {9}, {}, kSize},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -282,7 +285,7 @@ TEST_F(Restart, StaleJournalRecordsNeverTakeAnotherLocsEntry)
         lmt[5] = c.lmt5;
         lmt[8] = c.lmt8;
         hardware(c.hw);
-        store_journal(5, 9, 20);
+        store_journal(5, 9, c.new_sloc);
         ASSERT_EQ(restart(), 0);
         tcam_info *ti = info(0, FIB);
         EXPECT_EQ(ti->lmt[5], c.lmt5);
