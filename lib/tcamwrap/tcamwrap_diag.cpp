@@ -5,6 +5,7 @@
  * Dump text goes out piece by piece, each piece followed by its NUL byte, with
  * MSG_NOSIGNAL so that a reader that went away cannot kill the client.
  */
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -33,7 +34,7 @@ void tcamwrap_dump_send(int fd, const char *fmt, ...)
     va_end(ap);
     /* A piece cut at the buffer's limit is sent as far as it was formatted. */
     const uint32_t max = sizeof(tcamwrap_dump_buf) - 2;
-    tcamwrap_dump_len = n < 0 ? 0 : ((uint32_t)n > max ? max : (uint32_t)n);
+    tcamwrap_dump_len = (uint32_t)std::clamp(n, 0, (int)max);
     (void)send(fd, tcamwrap_dump_buf, tcamwrap_dump_len + 1, MSG_NOSIGNAL);
 }
 
@@ -236,8 +237,7 @@ extern "C" int32_t tcamwrap_parity_correction(tcamwrap_parity_msg *request,
     const uint32_t code = tcamwrap_parity_failure_code(errno);
     TCAMWRAP_TRACE(3, "num_unfixed_entries: %d failure_reason: %s\n", num_unfixed,
                    errcode2str((int)code));
-    if (num_unfixed > TCAMWRAP_PARITY_MAX)
-        num_unfixed = TCAMWRAP_PARITY_MAX;
+    num_unfixed = std::min<uint32_t>(num_unfixed, TCAMWRAP_PARITY_MAX);
     reply->error_code = code;
     reply->status = 1;
     reply->num_entries = num_unfixed;

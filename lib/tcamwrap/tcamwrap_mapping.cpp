@@ -263,7 +263,7 @@ int tcamwrap_kvs_flush_pending(uint8_t inst, uint32_t tbl_type)
 {
     tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
     const tcam_info *info = tcamwrap_tcam_info(inst, tbl_type);
-    if (pending == nullptr || !pending->any())
+    if (pending == nullptr)
         return 0;
     if (info != nullptr)
         tcamwrap_kvs_retry_segments(info, inst, tbl_type, TCAMWRAP_SEG_ENTRIES);

@@ -79,6 +79,7 @@ TEST_F(Access, OrvexSsramReadStopsAtTheFirstUnmappedLoc)
     fake::set_ssram(0, FIB, 2, make_word(2));
     Bytes out(15, 0xAA);
     tbl_params p = params(0, FIB, 3, 0);
+    level(4);
     errno = 0;
     EXPECT_EQ(tcamwrap_fwd_ssram_read(&p, out.data()), -1);
     EXPECT_EQ(errno, EINVAL);
@@ -87,6 +88,8 @@ TEST_F(Access, OrvexSsramReadStopsAtTheFirstUnmappedLoc)
     EXPECT_EQ(slice(out, 10, 5), Bytes(5, 0xAA));
     for (const fake::Call &c : fake::calls_of("fwd_ssram_read"))
         EXPECT_EQ(c.p.num_entries, 1u);
+    ASSERT_FALSE(fake::hist_events().empty());
+    EXPECT_EQ(fake::hist_events().back().text, "*** could not find sloc for loc: 0x2 ***\n");
 }
 
 TEST_F(Access, OrvexAcliReadsUseTheSlocAndTheHalvedSloc)
@@ -105,6 +108,13 @@ TEST_F(Access, OrvexAcliReadsUseTheSlocAndTheHalvedSloc)
     EXPECT_EQ(aclp, 1);
     EXPECT_EQ(fake::calls_of("fwd_flow_result_read")[0].p.start_addr, 0x20u);
     EXPECT_EQ(fake::calls_of("fwd_acl_prio_read")[0].p.start_addr, 0x41u);
+    /* An unmapped loc is only a note for the flow-result read: the word of its
+     * pair may still hold the other loc's result. */
+    level(4);
+    p.start_addr = 11;
+    EXPECT_EQ(tcamwrap_fwd_flow_result_read(&p, flow.data()), -1);
+    ASSERT_FALSE(fake::hist_events().empty());
+    EXPECT_EQ(fake::hist_events().back().text, "could not find sloc for loc: 0xb\n");
 }
 
 TEST_F(Access, Tcam3FlowResultReadIsEntryByEntryAtTheHalvedLoc)

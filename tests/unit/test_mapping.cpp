@@ -143,6 +143,9 @@ TEST_F(Mapping, UnexpectedOpersChangeNothing)
     tcamwrap_cb_handle unmanaged = ti->cb_handle;   /* no table on instance 1 */
     unmanaged.inst = 1, unmanaged.oper = TCAMWRAP_OPER_ADD;
     EXPECT_EQ(cam(&unmanaged, TCAMWRAP_CB_PRE_ADD, INV, 41), 0);
+    errno = 0;
+    EXPECT_EQ(cam(nullptr, TCAMWRAP_CB_PRE_ADD, INV, 41), -1);
+    EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(ti->lmt[12], 40u);
     EXPECT_EQ(ti->rlmt[41], INV);
     expect_maps_consistent(ti);
