@@ -9,17 +9,6 @@
 
 namespace {
 
-/* Persist the segment of a changed loc; a loc outside the table changed nothing. */
-int tcamwrap_store_changed_loc(const tcam_info *info, uint8_t inst, uint32_t tbl_type,
-                               uint32_t loc)
-{
-    if (loc >= info->lmt_sz) {
-        tcamwrap_saved_errno = EINVAL;
-        return -1;
-    }
-    return tcamwrap_kvs_store_lmt_segment(inst, tbl_type, loc);
-}
-
 void tcamwrap_print_camindex_cb_type(uint32_t op, uint32_t old_sloc, uint32_t new_sloc)
 {
     switch (op) {

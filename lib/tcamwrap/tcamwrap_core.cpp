@@ -140,11 +140,12 @@ void tcamwrap_assert_report(const char *func, int line)
     snprintf(text, sizeof(text), "Exception at: %s/%d", func, line);
     if (ident != nullptr && strcmp(ident, "none") == 0)
         return;
-    if (ident != nullptr && *ident != '\0')
+    const bool own_ident = ident != nullptr && *ident != '\0';
+    if (own_ident)
         openlog(ident, LOG_PID, LOG_USER);
     /* The text goes to the log as it stands; "%s" keeps a '%' in a name inert. */
     syslog(LOG_DEBUG, "%s", text);
-    if (ident != nullptr && *ident != '\0')
+    if (own_ident)
         closelog();
 }
 

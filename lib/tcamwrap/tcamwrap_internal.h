@@ -206,6 +206,10 @@ void tcamwrap_set_cb_handle(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint8
 /* ---- mapping and persistence -------------------------------------------- */
 
 int tcamwrap_kvs_store_lmt_segment(uint8_t inst, uint32_t tbl_type, uint32_t loc);
+/* Persist the segment of a changed loc; a loc outside the table changed nothing
+ * (-1, EINVAL). */
+int tcamwrap_store_changed_loc(const tcam_info *info, uint8_t inst, uint32_t tbl_type,
+                               uint32_t loc);
 int tcamwrap_lmt_restore(uint8_t inst, uint32_t tbl_type);
 int tcamwrap_kvs_store_ha_overwrite(uint8_t inst, uint32_t tbl_type, uint32_t loc,
                                     uint32_t old_sloc, uint32_t new_sloc);

@@ -223,6 +223,16 @@ int tcamwrap_kvs_store_lmt_segment(uint8_t inst, uint32_t tbl_type, uint32_t loc
     return tcamwrap_kvs_put_segment(info, inst, tbl_type, seg);
 }
 
+int tcamwrap_store_changed_loc(const tcam_info *info, uint8_t inst, uint32_t tbl_type,
+                               uint32_t loc)
+{
+    if (loc >= info->lmt_sz) {
+        tcamwrap_saved_errno = EINVAL;
+        return -1;
+    }
+    return tcamwrap_kvs_store_lmt_segment(inst, tbl_type, loc);
+}
+
 void tcamwrap_pending_reset(void)
 {
     for (auto &per_inst : tcamwrap_pending)
@@ -434,8 +444,7 @@ void tcamwrap_post_restore_switch(tcam_info *info, uint8_t inst, uint32_t tbl_ty
     tcamwrap_rlmt_set(info, target, loc);
     tcamwrap_rlmt_set(info, lmt_sloc, TCAMWRAP_INVALID_LOC);
     /* Stored before the record goes, as at the end of an overwrite. */
-    if (loc < info->lmt_sz)
-        (void)tcamwrap_kvs_store_lmt_segment(inst, tbl_type, loc);
+    (void)tcamwrap_store_changed_loc(info, inst, tbl_type, loc);
 }
 
 bool tcamwrap_sloc_in_hw(const tcam_info *info, uint32_t sloc)

@@ -800,4 +800,21 @@ int dbgshim_show_hist_inst(void *ctx, uint32_t *pair, uint32_t uuid, uint32_t a,
     return 0;
 }
 
+/* The library's system-log calls land here (the test program binds them before
+ * the C library does): a test never writes the host's log, and sees what the
+ * card's log would get. */
+void openlog(const char *ident, int, int) { record("openlog").text = ident != nullptr ? ident : ""; }
+
+void syslog(int priority, const char *fmt, ...)
+{
+    char text[512];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    record("syslog", {uint64_t(priority)}).text = text;
+}
+
+void closelog(void) { record("closelog"); }
+
 }  // extern "C"

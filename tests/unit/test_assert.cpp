@@ -102,6 +102,37 @@ TEST_F(AssertReport, MissingTableIsReportedAndTheCallGoesOn)
     EXPECT_EQ(read_file(file_), first);
 }
 
+/* The line for the system log, under the identity TCAMWRAP_SYSLOG_IDENT names
+ * (none: no line; unset or empty: the process's own). */
+TEST_F(AssertReport, LogLineFollowsTheIdentity)
+{
+    const struct {
+        const char *ident;
+        std::vector<std::string> calls;
+    } cases[] = {
+        {"none", {}},
+        {"tcw-test", {"openlog", "syslog", "closelog"}},
+        {"", {"syslog"}},
+        {nullptr, {"syslog"}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.ident != nullptr ? c.ident : "unset");
+        if (c.ident != nullptr)
+            setenv("TCAMWRAP_SYSLOG_IDENT", c.ident, 1);
+        else
+            unsetenv("TCAMWRAP_SYSLOG_IDENT");
+        fake::clear_calls();
+        report_missing_table();
+        EXPECT_EQ(fake::call_names({"openlog", "syslog", "closelog"}), c.calls);
+        if (!c.calls.empty()) {
+            EXPECT_EQ(fake::calls_of("syslog")[0].text, "Exception at: tcamwrap_cb_orvex_tcam_restore/1483");
+        }
+        if (c.calls.size() == 3) {
+            EXPECT_EQ(fake::calls_of("openlog")[0].text, c.ident);
+        }
+    }
+}
+
 TEST_F(AssertReport, SizeLimitIsOneMebibyte)
 {
     struct {
