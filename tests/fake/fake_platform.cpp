@@ -51,7 +51,6 @@ struct State {
     std::map<std::pair<unsigned, uint32_t>, EngineTable> engines;
     bool ask_validate = false;
     std::vector<std::pair<uint32_t, uint8_t>> validate_answers;
-    std::function<void(const CamindexEvent &)> observer;
     Stats stats[2] = {};
     std::vector<WalkEntry> walk;
     int walk_result = 0;
@@ -158,18 +157,9 @@ Bytes handle_bytes(const void *h)
     return copy(h, 28);
 }
 
-int call_camindex(unsigned inst, uint32_t tbl, EngineTable &t, uint32_t op, uint32_t old_sloc,
-                  uint32_t new_sloc)
+int call_camindex(unsigned, uint32_t, EngineTable &t, uint32_t op, uint32_t old_sloc, uint32_t new_sloc)
 {
-    CamindexEvent ev{inst, tbl, op, old_sloc, new_sloc, 0, 0};
-    if (st().observer)
-        st().observer(ev);
-    int r = t.camindex ? t.camindex(t.camindex_handle, 0, 0, op, old_sloc, new_sloc) : 0;
-    ev.phase = 1;
-    ev.result = r;
-    if (st().observer)
-        st().observer(ev);
-    return r;
+    return t.camindex ? t.camindex(t.camindex_handle, 0, 0, op, old_sloc, new_sloc) : 0;
 }
 
 bool bank_range(const EngineTable &t, uint8_t bank, uint32_t &lo, uint32_t &hi)
@@ -345,7 +335,6 @@ int engine_move(unsigned inst, uint32_t tbl, uint32_t old_sloc, uint32_t new_slo
     return r;
 }
 
-void set_camindex_observer(std::function<void(const CamindexEvent &)> fn) { st().observer = std::move(fn); }
 
 void set_stats(uint8_t bank, const Stats &s)
 {

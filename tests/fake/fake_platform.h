@@ -15,7 +15,6 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -149,16 +148,6 @@ const std::vector<std::pair<uint32_t, uint8_t>> &validate_answers();
  * PRE_MOVE callback's result (the move is made whatever it returned). */
 int engine_move(unsigned inst, uint32_t tbl, uint32_t old_sloc, uint32_t new_sloc);
 
-/* One camindex callback made by the engine. phase 0 = just before the call,
- * 1 = just after it (result valid). */
-struct CamindexEvent {
-    unsigned inst;
-    uint32_t tbl;
-    uint32_t op, old_sloc, new_sloc;
-    int phase;
-    int result;
-};
-void set_camindex_observer(std::function<void(const CamindexEvent &)> fn);
 
 struct Stats { uint32_t entries, groups, open, full, free, total; };
 void set_stats(uint8_t bank, const Stats &s);
