@@ -1,5 +1,5 @@
-// Tests of tcamwrap-sim's building blocks: entry layouts, route parsing, bank
-// spreading, argument parsing, output and the audit of maps against the hardware.
+// Tests of tcamwrap-sim's building blocks: entry layouts, route parsing, argument
+// parsing and the audit of maps against the hardware.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -116,20 +116,6 @@ TEST(AclKeyAndResults, WildcardsHaveZeroMasksAndResultsLeadWithTheAction)
     EXPECT_EQ(cli::hex(w.data(), w.size()), "01c0000201");
 }
 
-TEST(SpreadLoc, FillsBothHalvesFromStartInTurn)
-{
-    // 16 entries: even i in the lower half, odd i in the upper half.
-    const uint32_t want[] = {2, 10, 3, 11, 4, 12};
-    for (uint32_t i = 0; i < 6; ++i)
-        EXPECT_EQ(cli::spread_loc(i, 16, 2), want[i]) << i;
-    EXPECT_EQ(cli::spread_capacity(16, 2), 12u);
-    EXPECT_EQ(cli::spread_capacity(16, 8), 0u);
-    std::vector<int> used(1000, 0); // a full load gives every entry its own loc
-    for (uint32_t i = 0; i < cli::spread_capacity(1000, 0); ++i)
-        ++used[cli::spread_loc(i, 1000, 0)];
-    EXPECT_EQ(std::count(used.begin(), used.end(), 1), 1000);
-}
-
 TEST(Args, ParsesOptionsNumbersTablesAndInstances)
 {
     const std::vector<cli::OptionDef> options = {
@@ -168,18 +154,6 @@ TEST(Args, ParsesOptionsNumbersTablesAndInstances)
         }
     }
     EXPECT_THROW(cli::parse_table("acl"), cli::Refused);
-}
-
-TEST(Output, JsonEscapesAndKeepsOrderHexAcceptsSeparators)
-{
-    cli::Json j = cli::Json::object();
-    j.set("b", 1).set("a", "x\"y\n").set("list", cli::Json::array().push(true).push(cli::Json()));
-    EXPECT_EQ(j.dump(), "{\"b\":1,\"a\":\"x\\\"y\\n\",\"list\":[true,null]}");
-    std::vector<uint8_t> out;
-    ASSERT_TRUE(cli::parse_hex("0x01:c0 00.02 01", out));
-    EXPECT_EQ(out, (std::vector<uint8_t>{0x01, 0xC0, 0x00, 0x02, 0x01}));
-    for (const char *bad : {"abc", "zz", ""})
-        EXPECT_FALSE(cli::parse_hex(bad, out)) << bad;
 }
 
 // ---- audit of maps against the hardware ------------------------------------

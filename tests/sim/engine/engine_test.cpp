@@ -301,45 +301,6 @@ TEST(Engine, ACallbackFailureStopsTheCallAndChangesNothing) {
     }
 }
 
-// The judge itself: each broken sequence of calls is reported.
-TEST(FakeClient, ReportsEachBrokenSequence) {
-    // camindex(op, old, new) for op < 6; else a write (6) or clear (7) at old_sloc
-    struct Step {
-        uint32_t op, old_sloc, new_sloc;
-    };
-    constexpr uint32_t kWrite = 6, kClear = 7;
-    const Step move{orvex::kPreMove, 0, 5}, copy{kWrite, 5, 0}, post_move{orvex::kPostMove, 0, 5};
-    const std::pair<const char *, std::vector<Step>> cases[] = {
-        {"clears its old place before POST_MOVE", {move, copy, {kClear, 0, 0}}},
-        {"POST_MOVE before the copy is written", {move, post_move}},
-        {"old place is not cleared before the next call", {move, copy, post_move, {orvex::kPreMove, 5, 6}}},
-        {"move writes somewhere else than its new place", {move, {kWrite, 6, 0}}},
-        {"does not close the open PRE", {move, {orvex::kPostAdd, 0, 5}}},
-        {"add outside an insert", {{orvex::kPreAdd, 0, 5}}},
-        {"hardware write outside a callback pair", {copy}},
-    };
-    const Key k = key_of(1, 1);
-    for (const auto &[says, steps] : cases) {
-        SCOPED_TRACE(says);
-        FakeClient c(16, kKeyBytes);  // loc 1 sits at 0, loc 2 is the next add, groom runs
-        c.put(0, k.data(), 1);
-        c.rlmt[0] = 1;
-        c.lmt[1] = 0;
-        c.loc = 2;
-        c.start(Phase::kGroom);
-        for (const Step &st : steps) {
-            if (st.op == kWrite)
-                c.hw_write(st.old_sloc, k.data(), 1);
-            else if (st.op == kClear)
-                c.hw_clear(st.old_sloc);
-            else
-                c.camindex(st.op, st.old_sloc, st.new_sloc);
-        }
-        ASSERT_FALSE(c.errors.empty());
-        EXPECT_NE(c.errors.front().find(says), std::string::npos) << c.errors.front();
-    }
-}
-
 // ---- restore ------------------------------------------------------------------------
 
 TEST(Engine, RestoreTakesTheImageAsItIsAndGoesOnFromThere) {
