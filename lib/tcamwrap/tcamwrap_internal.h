@@ -137,6 +137,15 @@ template <typename T> struct tcamwrap_map {
 #endif
         return elems[i];
     }
+    /* The first of count elements from first on, all inside the table. */
+    T *run(uint32_t first, uint32_t count) const
+    {
+#ifdef TCAMWRAP_BOUND_CHECKS
+        if (first > size || count > size - first)
+            __builtin_trap();
+#endif
+        return elems + first;
+    }
 };
 
 inline tcamwrap_map<uint32_t> tcamwrap_lmt_of(const tcam_info *info)

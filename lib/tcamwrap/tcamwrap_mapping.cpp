@@ -7,6 +7,7 @@
  * {record type, inst, tbl_type, segment or 0}, so the records of one table are
  * contiguous in key order and a restore walks them with one cursor.
  */
+#include <algorithm>
 #include <bitset>
 
 #include "tcamwrap_internal.h"
@@ -30,13 +31,13 @@ struct tcamwrap_pending_t {
      * may be missing locs, so no hardware entry may be judged an orphan. */
     bool unread = false;
 };
-tcamwrap_pending_t tcamwrap_pending[TCAMWRAP_MAX_INSTS][4];
+tcamwrap_pending_t tcamwrap_pending[TCAMWRAP_MAX_INSTS][TCAMWRAP_MAX_TBLS];
 
+/* Only a table the library manages has store debts; its lookup also keeps the
+ * indices inside the array. */
 tcamwrap_pending_t *tcamwrap_pending_of(uint8_t inst, uint32_t tbl_type)
 {
-    if (inst >= TCAMWRAP_MAX_INSTS || tbl_type >= 4)
-        return nullptr;
-    return &tcamwrap_pending[inst][tbl_type];
+    return tcamwrap_tcam_info(inst, tbl_type) == nullptr ? nullptr : &tcamwrap_pending[inst][tbl_type];
 }
 
 uint32_t tcamwrap_segment_of(uint32_t loc)
@@ -150,7 +151,7 @@ void tcamwrap_lmt_restore_segment(uint8_t inst, uint32_t tbl_type, tcam_info *in
             rlmt[sloc] = TCAMWRAP_INVALID_LOC;
     }
     if (words != 0 && value->data != nullptr)
-        memcpy(info->lmt + first, value->data, words * sizeof(uint32_t));
+        memcpy(lmt.run(first, words), value->data, words * sizeof(uint32_t));
 
     for (uint32_t loc = first; loc < first + room; loc++) {
         const uint32_t sloc = lmt[loc];
@@ -181,8 +182,10 @@ namespace {
 int tcamwrap_kvs_put_segment(const tcam_info *info, uint8_t inst, uint32_t tbl_type, uint32_t seg)
 {
     kvs_buf *key = tcamwrap_kvs_build_key(TCAMWRAP_REC_LMT_SEGMENT, inst, tbl_type, (uint8_t)seg);
-    kvs_buf value = {reinterpret_cast<uint8_t *>(info->lmt + seg * TCAMWRAP_SEG_ENTRIES),
-                     (uint32_t)(tcamwrap_segment_words(info->lmt_sz, seg) * sizeof(uint32_t))};
+    const uint32_t words = tcamwrap_segment_words(info->lmt_sz, seg);
+    kvs_buf value = {reinterpret_cast<uint8_t *>(
+                         tcamwrap_lmt_of(info).run(seg * TCAMWRAP_SEG_ENTRIES, words)),
+                     (uint32_t)(words * sizeof(uint32_t))};
     TCAMWRAP_TRACE_AS("tcamwrap_kvs_store_lmt_segment", 7, "storing LMT segment<%d %d>: %d \n",
                       inst, tbl_type, seg);
     const int rc = kvs_store(tcamwrap_gl_db.kvs_handle, TCAMWRAP_KVS_MODE, key, &value);
@@ -385,8 +388,7 @@ int tcamwrap_ha_overwrite_restore(uint8_t inst, uint32_t tbl_type, uint32_t *rec
             TCAMWRAP_ASSERT(value.len == 3 * sizeof(uint32_t), "tcamwrap_ha_overwrite_restore",
                             694);
             /* A short value fills only the words it has. */
-            const uint32_t bytes =
-                value.len < 3 * sizeof(uint32_t) ? value.len : 3 * sizeof(uint32_t);
+            const uint32_t bytes = std::min<uint32_t>(value.len, 3 * sizeof(uint32_t));
             if (bytes != 0 && value.data != nullptr)
                 memcpy(record, value.data, bytes);
             TCAMWRAP_TRACE_AS("tcamwrap_ha_overwrite_restore", 7,

@@ -93,6 +93,13 @@ TEST_F(Startup, PlatformFailures)
         EXPECT_EQ(errno, c.err);
         EXPECT_EQ(fake::calls_of("orvex_tcam_init").size(), c.inits);
     }
+    SCOPED_TRACE("more instances than the library holds");
+    SetUp();
+    fake::card().num_insts = TCAMWRAP_MAX_INSTS + 1;
+    errno = 0;
+    EXPECT_EQ(start({1, 2, 3}, 0, 3), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(fake::calls_of("orvex_tcam_init").empty());
 }
 
 /* ---- the restore callback ------------------------------------------------------------ */
@@ -303,6 +310,9 @@ TEST_F(Restart, StaleJournalRecordsNeverTakeAnotherLocsEntry)
 
 TEST_F(Restart, StrayMappingsAndOrphanEntriesAreRepaired)
 {
+    /* A segment stored for places the table does not have is left alone. */
+    const uint32_t beyond[2] = {3, 4};
+    fake::store()[fake::store_key(prefix_str(), 2, 0, 3, 1)] = words_image(beyond, 2);
     lmt[5] = 9;     /* no entry at 9 */
     lmt[6] = 10;    /* consistent */
     hardware({10, 12});   /* 12 has no owner */
