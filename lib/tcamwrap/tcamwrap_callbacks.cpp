@@ -85,7 +85,7 @@ void tcamwrap_lmt_pre_add_undo(uint8_t inst, uint32_t tbl_type, uint32_t loc, ui
     if (info == nullptr)
         return;
     const int reported = tcamwrap_saved_errno;
-    if (oper == TCAMWRAP_OPER_ADD && tcamwrap_lmt_at(info, loc) == new_sloc) {
+    if (oper == TCAMWRAP_OPER_ADD) {  /* the loc had no place before this add */
         tcamwrap_lmt_set(info, loc, TCAMWRAP_INVALID_LOC);
         if (tcamwrap_rlmt_at(info, new_sloc) == loc)
             tcamwrap_rlmt_set(info, new_sloc, TCAMWRAP_INVALID_LOC);
