@@ -31,7 +31,8 @@
 // 98.7% at 0.7 and 1.0 moves per insert (at most 64 in a groom); 8 levels to
 // 99.85%;
 // distinct priorities in random order reach 57% before the first refused
-// insert and 97% after all are offered.
+// insert and 97% after all are offered (acl_bound.cpp: what any placement
+// that never moves at insert can reach there).
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
