@@ -205,44 +205,6 @@ INSTANTIATE_TEST_SUITE_P(
                       RunCase{"tiny_table", 16, 4, 10, 5000, 0.97, 60}),
     [](const ::testing::TestParamInfo<RunCase> &p) { return std::string(p.param.name); });
 
-// A realistic FIB (priority = prefix length) loaded in random order to 90%:
-// no insert fails, no groom moves a group twice, and the moves stay below one
-// per insert on average.
-TEST(Engine, FibLoadStaysUnderOneMovePerInsertAndMovesAGroupAtMostOnce) {
-    const uint64_t seed = 424242;
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937_64 rng(seed);
-    std::discrete_distribution<int> len({0.3, 0.3, 0.3, 0.3, 0.3, 0.3, 0.3, 0.3, 0.3, 0.3, 0.3,
-                                         0.3, 0.3, 0.3, 0.3, 0.3, 2.5, 2.5, 2.5, 2.5, 2.5, 2.5,
-                                         7,   10,  60,  0.3, 0.3, 0.3, 0.3, 0.3, 0.3, 0.3, 0.3});
-    const uint32_t size = 32768;
-    Harness h(size);
-    for (uint32_t loc = 0; loc < size * 9 / 10; ++loc) {
-        ASSERT_EQ(h.insert(loc, static_cast<uint16_t>(len(rng)), loc % 2), 0) << "loc " << loc;
-        if (HasFatalFailure()) return;
-    }
-    h.verify("after the load");
-    const auto &c = h.table.counters();
-    EXPECT_EQ(c.repeat_group_moves, 0u);
-    EXPECT_LT(double(c.moves) / double(c.inserts), 1.0);
-}
-
-// Distinct priorities in order fill a bank without a failed insert to 95%
-// (one group and gap per priority stopped at half), with few moves.
-TEST(Engine, DistinctPrioritiesInOrderFillABank) {
-    for (const bool ascending : {true, false}) {
-        SCOPED_TRACE(ascending ? "ascending" : "descending");
-        const uint32_t size = 4096;
-        Harness h(size);
-        uint32_t placed = 0;
-        for (uint32_t i = 0; i < size / 2 && h.insert(i, static_cast<uint16_t>(ascending ? i : size - i), 0) == 0; ++i)
-            ++placed;
-        h.verify("after the load");
-        EXPECT_GE(placed, size / 2 * 95 / 100);
-        EXPECT_LT(double(h.table.counters().moves) / placed, 4.0);
-    }
-}
-
 // ---- failures -----------------------------------------------------------------------
 
 TEST(Engine, AFullBankOrRefusedPlacesFailTheInsertWithoutWriting) {
