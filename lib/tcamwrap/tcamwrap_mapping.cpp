@@ -83,7 +83,7 @@ uint32_t tcamwrap_segment_words(uint32_t lmt_sz, uint32_t seg)
     if (first >= lmt_sz)
         return 0;
     const uint32_t left = lmt_sz - first;
-    return left < TCAMWRAP_SEG_ENTRIES ? left : TCAMWRAP_SEG_ENTRIES;
+    return std::min<uint32_t>(left, TCAMWRAP_SEG_ENTRIES);
 }
 
 /* Walk the stored records {type, inst, tbl_type, *} of one table from the

@@ -4,6 +4,22 @@
  */
 #include "test_support.h"
 
+#if !defined(__SANITIZE_ADDRESS__)
+/* The test program's allocator refuses one size while tw::refused_size names it,
+ * so start-up meets a failed allocation. */
+namespace tw { size_t refused_size = 0; }
+extern "C" void *__libc_malloc(size_t n);
+extern "C" void *__libc_calloc(size_t k, size_t n);
+extern "C" void *malloc(size_t n)
+{
+    return n != 0 && n == tw::refused_size ? nullptr : __libc_malloc(n);
+}
+extern "C" void *calloc(size_t k, size_t n)
+{
+    return n != 0 && k * n == tw::refused_size ? nullptr : __libc_calloc(k, n);
+}
+#endif
+
 namespace tw {
 namespace {
 
@@ -100,6 +116,36 @@ TEST_F(Startup, PlatformFailures)
     EXPECT_EQ(start({1, 2, 3}, 0, 3), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_TRUE(fake::calls_of("orvex_tcam_init").empty());
+}
+
+TEST_F(Startup, FailedAllocationsFailTheStartWithEnomem)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer owns the allocator";
+#else
+    constexpr uint32_t kSize = 1001;    /* sizes no other allocation of a start has */
+    const struct {
+        const char *what;
+        size_t size;
+        uint32_t init_type;
+    } cases[] = {
+        {"table record", sizeof(tcam_info), 0},
+        {"LMT and RLMT", 4 * kSize, 0},
+        {"sloc-valid table of a restart", kSize, 1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        SetUp();
+        fake::card().size[FIB] = kSize;
+        refused_size = c.size;
+        errno = 0;
+        const int rc = start({3}, c.init_type, 3);
+        refused_size = 0;
+        EXPECT_EQ(rc, -1);
+        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_TRUE(fake::calls_of("orvex_tcam_init").empty());
+    }
+#endif
 }
 
 /* ---- the restore callback ------------------------------------------------------------ */
