@@ -52,16 +52,16 @@ int tcamwrap_lmt_pre_add(uint8_t inst, uint32_t tbl_type, uint32_t loc, uint32_t
     if (oper == TCAMWRAP_OPER_ADD) {
         const uint32_t old_lmt = tcamwrap_lmt_at(info, loc);
         const uint32_t old_rlmt = tcamwrap_rlmt_at(info, new_sloc);
-        const bool was_pending = tcamwrap_segment_pending(inst, tbl_type, loc);
         tcamwrap_lmt_set(info, loc, new_sloc);
         tcamwrap_rlmt_set(info, new_sloc, loc);
         if (tcamwrap_store_changed_loc(info, inst, tbl_type, loc) == 0)
             return 0;
-        /* The stored segment did not change: put memory back to match it. */
+        /* The stored segment did not change: put memory back to match it, so
+         * the segment owes nothing (a write stores its table's debts before
+         * the insert, so it owed nothing before either). */
         tcamwrap_lmt_set(info, loc, old_lmt);
         tcamwrap_rlmt_set(info, new_sloc, old_rlmt);
-        if (loc < info->lmt_sz)
-            tcamwrap_segment_mark_pending(inst, tbl_type, loc, was_pending);
+        tcamwrap_segment_settled(inst, tbl_type, loc);
         return -1;
     }
     if (oper == TCAMWRAP_OPER_OVERWRITE) {

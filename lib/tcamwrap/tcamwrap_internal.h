@@ -232,8 +232,8 @@ int tcamwrap_post_restore(uint8_t inst, uint32_t tbl_type);
  * nothing is pending (else -1, ENOSPC in the saved error word). */
 void tcamwrap_pending_reset(void);
 int tcamwrap_kvs_flush_pending(uint8_t inst, uint32_t tbl_type);
-bool tcamwrap_segment_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc);
-void tcamwrap_segment_mark_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc, bool pending);
+/* The segment of loc holds in the store what memory holds: nothing owed. */
+void tcamwrap_segment_settled(uint8_t inst, uint32_t tbl_type, uint32_t loc);
 void tcamwrap_journal_mark_pending(uint8_t inst, uint32_t tbl_type);
 /* The overwrite record stored by the table's last PRE_ADD, until its delete. */
 bool tcamwrap_journal_inflight(uint8_t inst, uint32_t tbl_type, uint32_t *record);

@@ -243,17 +243,12 @@ void tcamwrap_pending_reset(void)
             table = tcamwrap_pending_t{};
 }
 
-bool tcamwrap_segment_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc)
-{
-    const tcamwrap_pending_t *pending = tcamwrap_pending_of(inst, tbl_type);
-    return pending != nullptr && pending->segs.test(tcamwrap_segment_of(loc));
-}
-
-void tcamwrap_segment_mark_pending(uint8_t inst, uint32_t tbl_type, uint32_t loc, bool pending)
+void tcamwrap_segment_settled(uint8_t inst, uint32_t tbl_type, uint32_t loc)
 {
     tcamwrap_pending_t *p = tcamwrap_pending_of(inst, tbl_type);
-    if (p != nullptr)
-        p->segs.set(tcamwrap_segment_of(loc), pending);
+    const uint32_t seg = tcamwrap_segment_of(loc);
+    if (p != nullptr && seg < p->segs.size())
+        p->segs.reset(seg);
 }
 
 void tcamwrap_journal_mark_pending(uint8_t inst, uint32_t tbl_type)
