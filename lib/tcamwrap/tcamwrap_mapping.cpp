@@ -261,10 +261,10 @@ void tcamwrap_journal_mark_pending(uint8_t inst, uint32_t tbl_type)
 bool tcamwrap_journal_inflight(uint8_t inst, uint32_t tbl_type, uint32_t *record)
 {
     const tcamwrap_pending_t *p = tcamwrap_pending_of(inst, tbl_type);
-    if (p == nullptr || p->inflight[TCAMWRAP_OW_LOC] == TCAMWRAP_INVALID_LOC)
+    if (p == nullptr)
         return false;
     std::memcpy(record, p->inflight, sizeof(p->inflight));
-    return true;
+    return record[TCAMWRAP_OW_LOC] != TCAMWRAP_INVALID_LOC;
 }
 
 int tcamwrap_kvs_flush_pending(uint8_t inst, uint32_t tbl_type)
