@@ -14,10 +14,8 @@ namespace tcamwrap::sim::test {
 namespace {
 
 constexpr uint32_t kAcli = 1, kFib = 3;
-constexpr const char *kSmallCard = "insts=2,fib=4096,acli=1024,aclo=1024";
 
 using FibKey = std::array<uint8_t, 18>;
-using Word = std::vector<uint8_t>;
 
 // FIB key: value {vrf, address big-endian, 4 zero bytes}, mask {0xFF, prefix mask}.
 FibKey fib_key(uint32_t addr, int prefix_len)
@@ -32,14 +30,6 @@ FibKey fib_key(uint32_t addr, int prefix_len)
     return k;
 }
 
-std::array<uint8_t, 9> fib_search(uint32_t addr, uint8_t vrf = 0)
-{
-    std::array<uint8_t, 9> s{vrf};
-    for (int i = 0; i < 4; ++i)
-        s[1 + i] = static_cast<uint8_t>(addr >> (24 - 8 * i));
-    return s;
-}
-
 std::optional<uint32_t> lookup(uint8_t inst, uint32_t tbl, const uint8_t *search)
 {
     uint32_t loc = 0;
@@ -48,7 +38,6 @@ std::optional<uint32_t> lookup(uint8_t inst, uint32_t tbl, const uint8_t *search
     return rc == 1 ? std::optional<uint32_t>(loc) : std::nullopt;
 }
 
-std::optional<uint32_t> fib_lookup(uint32_t addr, uint8_t inst = 0) { return lookup(inst, kFib, fib_search(addr).data()); }
 
 TEST(SimHw, TcamCallsRejectWhatIsOutsideTheCard)
 {
@@ -144,38 +133,6 @@ TEST(SimHw, LookupAgreesWithAFullScanOverRandomChanges)
         random_lookup_run(kFib, seed);
         random_lookup_run(kAcli, seed + 100);
     }
-}
-
-TEST(SimHw, LookupResultTakesTheWordTheAclPriorityBitSelects)
-{
-    ScopedSimState state(kSmallCard);
-    std::array<uint8_t, 36> any{};  // all-zero mask: matches every search
-    std::array<uint8_t, 18> search{};
-    const uint8_t adjacency[5] = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4}, flow[5] = {0xF0, 0xF1, 0xF2, 0xF3, 0xF4};
-    const uint8_t off = 0, on = 1;
-    FibKey fk = fib_key(0, 0);
-    for (uint32_t tbl : {kAcli, kFib}) {
-        ASSERT_EQ(sim_hw_tcam_write(0, tbl, 9, tbl == kFib ? fk.data() : any.data(), 3), 0);
-        ASSERT_EQ(sim_hw_mem_write(0, tbl, SIM_MEM_SSRAM, 9, 1, adjacency), 0);
-        ASSERT_EQ(sim_hw_mem_write(0, tbl, SIM_MEM_FLOW, 4, 1, flow), 0);  // serves 8 and 9
-    }
-    // ACLI answers from the flow result when the ACL-priority byte is 0; FIB never does.
-    const struct {
-        uint32_t tbl;
-        uint8_t acl_prio;
-        const uint8_t *want;
-    } cases[] = {{kAcli, off, flow}, {kAcli, on, adjacency}, {kFib, off, adjacency}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::to_string(c.tbl) + "/" + std::to_string(c.acl_prio));
-        ASSERT_EQ(sim_hw_mem_write(0, c.tbl, SIM_MEM_ACL_PRIO, 9, 1, &c.acl_prio), 0);
-        uint32_t loc = 0;
-        uint8_t result[5] = {};
-        ASSERT_EQ(sim_hw_lookup_result(0, c.tbl, search.data(), &loc, result), 1);
-        EXPECT_EQ(loc, 9u);
-        EXPECT_EQ(Word(result, result + 5), Word(c.want, c.want + 5));
-    }
-    ASSERT_EQ(sim_hw_tcam_clear(0, kFib, 9), 0);
-    EXPECT_EQ(fib_lookup(0), std::nullopt);
 }
 
 }  // namespace
