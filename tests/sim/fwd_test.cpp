@@ -1,7 +1,5 @@
-// Forwarding driver and line-card service of the simulated card.
-#include <array>
+// Forwarding driver of the simulated card: requests outside a memory.
 #include <cerrno>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -31,34 +29,6 @@ Bytes pattern(std::size_t n, uint8_t seed)
     for (std::size_t i = 0; i < n; ++i)
         v[i] = static_cast<uint8_t>(seed + i * 7);
     return v;
-}
-
-TEST(SimFwd, ConfigRecordAndTcamTypesFollowTheProfile)
-{
-    {
-        ScopedSimState state(kCard);
-        std::array<uint8_t, 80> raw;
-        raw.fill(0xCC);
-        ASSERT_EQ(fwd_get_cfg_info(1, raw.data()), 0);
-        uint32_t sizes[3];  // ACLI, ACLO, FIB
-        std::memcpy(sizes, &raw[0x44], sizeof sizes);
-        EXPECT_EQ(raw[1], 2) << "instances";
-        EXPECT_EQ(std::vector<uint32_t>(sizes, sizes + 3), (std::vector<uint32_t>{32, 16, 64}));
-        errno = 0;
-        EXPECT_EQ(fwd_get_cfg_info(2, raw.data()), -1);
-        EXPECT_EQ(errno, EINVAL);
-    }
-    const struct {
-        const char *profile;
-        std::array<uint32_t, 3> want;  // ACLI, ACLO, FIB: 1 for orvex
-    } cases[] = {{nullptr, {1, 1, 1}}, {"fib_kind=tcam3", {1, 1, 0}}, {"acli_kind=tcam3,aclo_kind=tcam3", {0, 0, 1}}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.profile != nullptr ? c.profile : "default");
-        ScopedSimState state(c.profile);
-        std::array<uint32_t, 3> types{7, 7, 7};
-        ASSERT_EQ(get_card_tcam_types(types.data()), 0);
-        EXPECT_EQ(types, c.want);
-    }
 }
 
 // Every driver call; the buffer is large enough for any request of these tests.
