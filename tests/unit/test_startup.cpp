@@ -179,61 +179,9 @@ TEST_F(Startup, RestoreCallbackRecordsHardwareEntriesInsideTheTable)
 
 /* ---- the validate callback ------------------------------------------------------------ */
 
-TEST_F(Startup, ValidateDecisions)
+TEST_F(Startup, ValidateWithoutAHandleRefuses)
 {
-    struct Case {
-        const char *name;
-        uint32_t tbl;
-        uint8_t aclp;
-        uint32_t sloc, table_size;
-        bool partner_owned;
-        uint8_t partner_bit, answer;
-        bool reads;
-    };
-    const Case cases[] = {
-        {"FIB", FIB, 0, 6, 16, true, 0, 1, false},
-        {"ACLO", ACLO, 0, 6, 16, true, 0, 1, false},
-        {"ACLI with the bit", ACLI, 1, 6, 16, true, 0, 1, false},
-        {"partner unowned", ACLI, 0, 6, 16, false, 0, 1, false},
-        {"partner beyond the table", ACLI, 0, 14, 15, false, 0, 1, false},
-        {"partner without the bit", ACLI, 0, 7, 16, true, 0, 0, true},
-        {"partner with the bit", ACLI, 0, 7, 16, true, 1, 1, true},
-        {"even sloc, partner without the bit", ACLI, 0, 6, 16, true, 0, 0, true},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        SetUp();
-        Table &acli = table(1, ACLI, c.table_size);
-        uint32_t adj = c.sloc ^ 1u;
-        if (c.partner_owned)
-            acli.map(3, adj);
-        fake::set_acl_prio(1, ACLI, adj, c.partner_bit);
-        tcamwrap_cb_handle h{};
-        h.inst = 1, h.tbl_type = c.tbl, h.loc = 0x21, h.acl_prio = c.aclp;
-        uint8_t answer = 0xEE;
-        EXPECT_EQ(tcamwrap_cb_validate(&h, c.sloc, &answer), 0);
-        EXPECT_EQ(answer, c.answer);
-        auto reads = fake::calls_of("fwd_acl_prio_read");
-        ASSERT_EQ(reads.size(), c.reads ? 1u : 0u);
-        if (c.reads) {
-            EXPECT_EQ(reads[0].p.start_addr, adj);
-        }
-    }
-}
-
-TEST_F(Startup, ValidateReadFailureRefuses)
-{
-    level(3);
-    table(0, ACLI, 16).map(2, 5);
-    fake::fail("fwd_acl_prio_read", 12, ETIMEDOUT);
-    tcamwrap_cb_handle h{};
-    h.tbl_type = ACLI;
     uint8_t answer = 0xEE;
-    errno = 0;
-    EXPECT_EQ(tcamwrap_cb_validate(&h, 4, &answer), 12);
-    EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_EQ(answer, 0);
-    answer = 0xEE;
     EXPECT_EQ(tcamwrap_cb_validate(nullptr, 4, &answer), -1);
     EXPECT_EQ(answer, 0);
     EXPECT_EQ(tcamwrap_cb_validate(nullptr, 4, nullptr), -1);
