@@ -1,71 +1,16 @@
 /*
- * SSRAM write and the result memory reads, on both TCAM kinds.
+ * The result memory reads, on both TCAM kinds. The result-word write
+ * (tcamwrap_fwd_ssram_write) is the sweep's: every one-token fault of it fails
+ * the sweep, the fuzz replays or the CLI runs.
  */
 #include "test_support.h"
 
 namespace tw {
 namespace {
 
-Bytes words(uint32_t n, uint32_t seed)
-{
-    Bytes out;
-    for (uint32_t i = 0; i < n; ++i) {
-        Bytes w = make_word(seed + i);
-        out.insert(out.end(), w.begin(), w.end());
-    }
-    return out;
-}
-
 Bytes slice(const Bytes &b, size_t from, size_t n) { return Bytes(b.begin() + from, b.begin() + from + n); }
 
 class Access : public LibTest {};
-
-/* ---- tcamwrap_fwd_ssram_write --------------------------------------------------- */
-
-TEST_F(Access, OrvexSsramWriteTranslatesEachLoc)
-{
-    orvex(FIB);
-    Table &t = table(0, FIB, 32);
-    t.map(4, 17);
-    Bytes w = words(2, 1);
-    tbl_params p = params(0, FIB, 2, 4, 0xBEE);
-    errno = 0;
-    EXPECT_EQ(tcamwrap_fwd_ssram_write(&p, w.data()), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(fake::ssram(0, FIB, 17), slice(w, 0, 5));
-    auto wr = fake::calls_of("fwd_ssram_write");
-    ASSERT_EQ(wr.size(), 1u);
-    EXPECT_EQ(wr[0].p.opaque, 0xBEEu);
-}
-
-TEST_F(Access, SsramWriteFailuresAndPassThrough)
-{
-    orvex(FIB);
-    Table &t = table(0, FIB, 16);
-    t.map(0, 5);
-    Bytes w = words(1, 1);
-    tbl_params p = params(0, FIB, 1, 0);
-    fake::fail("fwd_ssram_write", 14, EACCES);
-    errno = 0;
-    EXPECT_EQ(tcamwrap_fwd_ssram_write(&p, w.data()), 14);
-    EXPECT_EQ(errno, EACCES);
-
-    /* tcam3: the caller's request in one call, and its failure text. */
-    orvex(ACLI, false);
-    fake::clear_calls();
-    Bytes w3 = words(3, 9);
-    tbl_params q = params(254, ACLI, 3, 20, 0x5);
-    errno = 0;
-    EXPECT_EQ(tcamwrap_fwd_ssram_write(&q, w3.data()), 14);
-    EXPECT_EQ(errno, EACCES);
-    auto wr = fake::calls_of("fwd_ssram_write");
-    ASSERT_EQ(wr.size(), 1u);
-    EXPECT_EQ(std::memcmp(&wr[0].p, &q, sizeof q), 0);
-
-    fake::clear_failures();
-    EXPECT_EQ(tcamwrap_fwd_ssram_write(&q, w3.data()), 0);
-    EXPECT_EQ(fake::ssram(254, ACLI, 22), slice(w3, 10, 5));
-}
 
 /* ---- result memory reads --------------------------------------------------------------- */
 
