@@ -1,9 +1,8 @@
 /*
  * The result memory reads: an unmapped loc stops an Orvex read, a tcam3 flow
  * result is read entry by entry at the halved loc. The other reads and the
- * result-word write
- * (tcamwrap_fwd_ssram_write) is the sweep's: every one-token fault of it fails
- * the sweep, the fuzz replays or the CLI runs.
+ * result-word write are the sweep's: every one-token fault of them fails the
+ * sweep, the fuzz replays or the CLI runs.
  */
 #include "test_support.h"
 
