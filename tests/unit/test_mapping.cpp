@@ -276,6 +276,10 @@ TEST_F(Mapping, ResultMemoryFailuresAreTheCallbacksResult)
         }
         EXPECT_EQ(rc, 41);
         EXPECT_EQ(errno, EBUSY);
+        size_t said = 0;   /* the failing call is named once, at level 3 */
+        for (const fake::HistEvent &h : fake::hist_events())
+            said += h.text.find(std::string("*** ") + c.fn + "() failed") != std::string::npos;
+        EXPECT_EQ(said, 1u);
     }
 }
 
