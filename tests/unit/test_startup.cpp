@@ -14,18 +14,20 @@
 #endif
 
 #if TW_OWN_ALLOCATOR
-/* The test program's allocator refuses one size while tw::refused_size names it,
- * so start-up meets a failed allocation. */
-namespace tw { size_t refused_size = 0; }
+/* The test program's allocator refuses one size of one allocator while armed,
+ * so start-up meets a failed allocation. The table record is the only calloc of
+ * a start; the test's own objects come from malloc, so a calloc size may equal one
+ * of theirs on any target. */
+namespace tw { size_t refused_malloc = 0, refused_calloc = 0; }
 extern "C" void *__libc_malloc(size_t n);
 extern "C" void *__libc_calloc(size_t k, size_t n);
 extern "C" void *malloc(size_t n)
 {
-    return n != 0 && n == tw::refused_size ? nullptr : __libc_malloc(n);
+    return n != 0 && n == tw::refused_malloc ? nullptr : __libc_malloc(n);
 }
 extern "C" void *calloc(size_t k, size_t n)
 {
-    return n != 0 && k * n == tw::refused_size ? nullptr : __libc_calloc(k, n);
+    return n != 0 && k * n == tw::refused_calloc ? nullptr : __libc_calloc(k, n);
 }
 #endif
 
@@ -135,21 +137,22 @@ TEST_F(Startup, FailedAllocationsFailTheStartWithEnomem)
     constexpr uint32_t kSize = 1001;    /* sizes no other allocation of a start has */
     const struct {
         const char *what;
+        size_t *refused;
         size_t size;
         uint32_t init_type;
     } cases[] = {
-        {"table record", sizeof(tcam_info), 0},
-        {"LMT and RLMT", 4 * kSize, 0},
-        {"sloc-valid table of a restart", kSize, 1},
+        {"table record", &refused_calloc, sizeof(tcam_info), 0},
+        {"LMT and RLMT", &refused_malloc, 4 * kSize, 0},
+        {"sloc-valid table of a restart", &refused_malloc, kSize, 1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         SetUp();
         fake::card().size[FIB] = kSize;
-        refused_size = c.size;
+        *c.refused = c.size;
         errno = 0;
         const int rc = start({3}, c.init_type, 3);
-        refused_size = 0;
+        *c.refused = 0;
         EXPECT_EQ(rc, -1);
         EXPECT_EQ(errno, ENOMEM);
         EXPECT_TRUE(fake::calls_of("orvex_tcam_init").empty());
