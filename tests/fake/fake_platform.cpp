@@ -321,21 +321,6 @@ void set_ask_validate(bool on) { st().ask_validate = on; }
 
 const std::vector<std::pair<uint32_t, uint8_t>> &validate_answers() { return st().validate_answers; }
 
-int engine_move(unsigned inst, uint32_t tbl, uint32_t old_sloc, uint32_t new_sloc)
-{
-    EngineTable &t = engine(inst, tbl);
-    int r = call_camindex(inst, tbl, t, 4, old_sloc, new_sloc);
-    auto it = t.entries.find(old_sloc);
-    if (it != t.entries.end()) {
-        EngineEntry e = it->second;
-        t.entries.erase(it);
-        t.entries[new_sloc] = e;
-    }
-    call_camindex(inst, tbl, t, 5, old_sloc, new_sloc);
-    return r;
-}
-
-
 void set_stats(uint8_t bank, const Stats &s)
 {
     if (bank < 2)

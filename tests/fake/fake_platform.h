@@ -144,9 +144,6 @@ void hw_entry(unsigned inst, uint32_t tbl, uint32_t sloc, const Bytes &key, uint
 void set_ask_validate(bool on);
 /* Results of the validate calls made by inserts: (sloc, answer). */
 const std::vector<std::pair<uint32_t, uint8_t>> &validate_answers();
-/* The engine moves an entry on its own: PRE_MOVE, move, POST_MOVE. Returns the
- * PRE_MOVE callback's result (the move is made whatever it returned). */
-int engine_move(unsigned inst, uint32_t tbl, uint32_t old_sloc, uint32_t new_sloc);
 
 
 struct Stats { uint32_t entries, groups, open, full, free, total; };

@@ -1,5 +1,5 @@
 /*
- * LMT persistence, the overwrite journal and the camindex callback, driven the
+ * LMT persistence and the camindex callback, driven the
  * way the search engine drives them.
  */
 #include "test_support.h"
@@ -8,13 +8,6 @@ namespace tw {
 namespace {
 
 std::string seg_key(uint8_t inst, uint8_t tbl, uint8_t seg) { return fake::store_key(prefix_str(), 2, inst, tbl, seg); }
-std::string journal_key(uint8_t inst, uint8_t tbl) { return fake::store_key(prefix_str(), 3, inst, tbl, 0); }
-
-std::string journal_value(uint32_t loc, uint32_t old_sloc, uint32_t new_sloc)
-{
-    uint32_t w[3] = {loc, old_sloc, new_sloc};
-    return words_image(w, 3);
-}
 
 class Mapping : public LibTest {
 protected:
@@ -80,21 +73,6 @@ TEST_F(Mapping, PreAddStoresTheSegmentOfTheLoc)
         EXPECT_EQ(fake::call_names({"kvs_", "fwd_"}), (std::vector<std::string>{"kvs_store", "fwd_ssram_write"}));
         EXPECT_EQ(fake::ssram(0, FIB, sloc), make_word(1));
     }
-}
-
-/* ---- the overwrite journal --------------------------------------------------- */
-
-TEST_F(Mapping, JournalOfAnotherTableIsNotRead)
-{
-    asserts_expected_ = true;   /* the missing record is reported */
-    tcam_info *ti = fresh(FIB, 64);
-    add(ti, 5, 9);
-    /* The first key at or after {3,0,3,0} is another table's journal. */
-    fake::store()[journal_key(1, 3)] = journal_value(5, 9, 30);
-    ti->cb_handle.oper = TCAMWRAP_OPER_OVERWRITE;
-    EXPECT_EQ(cam(&ti->cb_handle, TCAMWRAP_CB_POST_DEL, 9, INV), 0);
-    /* Nothing may be indexed with the invalid marker. */
-    expect_maps_consistent(ti);
 }
 
 /* ---- camindex: oper checks ----------------------------------------------- */
@@ -183,56 +161,6 @@ TEST_F(Mapping, IndicesAtTheTableEndChangeNoMap)
         for (uint32_t i = 0; i < 64; ++i) {
             EXPECT_EQ(ti->lmt[i], i == 12 ? 40u : INV) << "loc " << i;
             EXPECT_EQ(ti->rlmt[i], i == 40 ? 12u : INV) << "sloc " << i;
-        }
-    }
-}
-
-/* ---- moves ----------------------------------------------------------------------- */
-TEST_F(Mapping, EngineMoveCopiesResultMemoriesThenSwitchesTheLmt)
-{
-    const struct {
-        const char *name;
-        uint32_t tbl;
-        uint8_t aclp;   /* ACL-priority bit of the entry (ACLI) */
-    } cases[] = {
-        {"FIB", FIB, 1}, {"ACLO", ACLO, 1}, {"ACLI flow result", ACLI, 0}, {"ACLI adjacency", ACLI, 1}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        SetUp();
-        tcam_info *ti = fresh(c.tbl, 64);
-        Bytes w = make_word(0x33);
-        add(ti, 3, 5, w, c.aclp);
-        fake::clear_calls();
-        const uint32_t old_sloc = 5, new_sloc = 12;
-
-        EXPECT_EQ(fake::engine_move(0, c.tbl, old_sloc, new_sloc), 0);
-
-        EXPECT_EQ(ti->lmt[3], new_sloc);
-        EXPECT_EQ(ti->rlmt[new_sloc], 3u);
-        EXPECT_EQ(ti->rlmt[old_sloc], INV);
-        EXPECT_EQ(ti->cb_handle.oper, TCAMWRAP_OPER_MOVE);
-        EXPECT_EQ(ti->cb_handle.loc, 3u);
-        EXPECT_EQ(fake::store()[seg_key(0, uint8_t(c.tbl), 0)], words_image(ti->lmt, 64));
-
-        std::vector<std::string> want_calls;
-        if (c.tbl == ACLI && c.aclp == 0) {
-            want_calls = {"fwd_acl_prio_read", "fwd_flow_result_read", "fwd_acl_prio_write", "fwd_flow_result_write"};
-            EXPECT_EQ(fake::flow(0, ACLI, new_sloc >> 1), w);
-            EXPECT_EQ(fake::calls_of("fwd_flow_result_read")[0].p.start_addr, old_sloc >> 1);
-        } else if (c.tbl == ACLI) {
-            want_calls = {"fwd_acl_prio_read", "fwd_ssram_read", "fwd_acl_prio_write", "fwd_ssram_write"};
-            EXPECT_EQ(fake::ssram(0, ACLI, new_sloc), w);
-            EXPECT_EQ(fake::acl_prio(0, ACLI, new_sloc), uint8_t(1));
-        } else {
-            want_calls = {"fwd_ssram_read", "fwd_ssram_write"};
-            EXPECT_EQ(fake::ssram(0, c.tbl, new_sloc), w);
-        }
-        EXPECT_EQ(fake::call_names({"fwd_"}), want_calls);
-        /* Every result-memory access names one entry; writes carry the sloc as opaque. */
-        for (const fake::Call &call : fake::calls_with_prefix("fwd_")) {
-            EXPECT_EQ(call.p.num_entries, 1u) << call.fn;
-            bool write = call.fn.find("write") != std::string::npos;
-            EXPECT_EQ(call.p.opaque, write ? new_sloc : old_sloc) << call.fn;
         }
     }
 }
