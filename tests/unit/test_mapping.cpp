@@ -255,6 +255,25 @@ TEST_F(LmtRestore, SegmentsOfOneTableAreRestoredAndTheWalkStopsAtTheNext)
         EXPECT_EQ(h.text.find("***"), std::string::npos) << h.text;
 }
 
+/* A store that cannot be read whole may hide owners: no hardware entry is
+ * judged an orphan then, whichever read of the walk failed. */
+TEST_F(LmtRestore, AnUnreadableStoreKeepsUnownedEntries)
+{
+    for (const char *fn : {"kvs_move2key", "kvs_getvalue", "kvs_move2location"}) {
+        SCOPED_TRACE(fn);
+        SetUp();
+        fake::card().size[FIB] = 100;
+        std::vector<uint32_t> seg(100, INV);
+        seg[0] = 7;
+        seg[1] = 8;
+        put_segment(0, 3, 0, seg);
+        fake::fail(fn, 5, EIO);
+        restart(FIB, {7, 8, 9});
+        EXPECT_EQ(fake::engine(0, FIB).entries.count(9), 1u);
+        EXPECT_TRUE(fake::calls_of("orvex_tcam_delete_entry").empty());
+    }
+}
+
 /* Records that do not fit the table must restore without touching memory
  * outside the maps (the ASan build checks that) and leave consistent maps. */
 TEST_F(LmtRestore, MalformedRecordsRestoreSafely)
