@@ -264,16 +264,12 @@ void fail(const std::string &fn, int ret, int err, int nth)
     st().faults.push_back({fn, ret, err, nth, 0});
 }
 
-void clear_failures() { st().faults.clear(); }
-
 Card &card() { return st().card; }
 
 unsigned key_bytes(uint32_t tbl_type) { return tbl_type == 3 ? 18u : 36u; }
 
-void set_tcam(unsigned inst, uint32_t tbl, uint32_t addr, const Bytes &key) { st().tcam[{inst, tbl, addr}] = key; }
 void set_ssram(unsigned inst, uint32_t tbl, uint32_t addr, const Bytes &w) { st().ssram[{inst, tbl, addr}] = w; }
 void set_flow(unsigned inst, uint32_t tbl, uint32_t idx, const Bytes &w) { st().flow[{inst, tbl, idx}] = w; }
-void set_acl_prio(unsigned inst, uint32_t tbl, uint32_t addr, uint8_t v) { st().acl_prio[{inst, tbl, addr}] = v; }
 
 template <typename M>
 static auto lookup(const M &m, unsigned inst, uint32_t tbl, uint32_t addr)

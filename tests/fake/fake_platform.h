@@ -56,7 +56,6 @@ void reset();
  * store calls that return a pointer, ret is the error code put in *err and the
  * call returns NULL; for kvs_store / kvs_delete it is the returned code. */
 void fail(const std::string &fn, int ret, int err, int nth = 0);
-void clear_failures();
 
 /* ---- card configuration ------------------------------------------------- */
 
@@ -72,12 +71,10 @@ Card &card();
 /* Key width in bytes (value + mask) of a table type: 18 for FIB, else 36. */
 unsigned key_bytes(uint32_t tbl_type);
 
-void set_tcam(unsigned inst, uint32_t tbl, uint32_t addr, const Bytes &key);
 void set_ssram(unsigned inst, uint32_t tbl, uint32_t addr, const Bytes &word);
 std::optional<Bytes> ssram(unsigned inst, uint32_t tbl, uint32_t addr);
 void set_flow(unsigned inst, uint32_t tbl, uint32_t idx, const Bytes &word);
 std::optional<Bytes> flow(unsigned inst, uint32_t tbl, uint32_t idx);
-void set_acl_prio(unsigned inst, uint32_t tbl, uint32_t addr, uint8_t v);
 std::optional<uint8_t> acl_prio(unsigned inst, uint32_t tbl, uint32_t addr);
 
 /* ---- trace sinks -------------------------------------------------------- */

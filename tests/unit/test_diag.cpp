@@ -244,23 +244,23 @@ TEST_F(Parity, FailedRepairReply)
     orvex(FIB);
     tcamwrap_gl_db.fac_num = 0xABCD;
     fake::set_fix_result({-1, 0x1234, {0x20, 0x30}});
-    tcamwrap_parity_msg req = msg_of(record(0xDEADBEEF, 77, 88, 1, FIB, 3, kLocs));
+    tcamwrap_parity_msg req = msg_of(record(0xDEADBEEF, 77, 88, 1, FIB, 2, kLocs));
     tcamwrap_parity_msg reply;
     std::memset(&reply, 0xCC, sizeof reply);
 
     const uint32_t code = 0x80000000u | ((0xABCDu << 13) & 0x0FFF0000u) | (0x1234u & 0x0FFFu);
     ASSERT_EQ(code, 0x85790234u);
     EXPECT_EQ(tcamwrap_parity_correction(&req, &reply, tcam3_fn), int32_t(code));
-    EXPECT_EQ(bytes_of(reply), record(0xDEADBEEF, 1, code, 1, FIB, 2, {0x20, 0x30, 0, 0x44, 0x55, 0x66, 0x77, 0x88}));
-    EXPECT_EQ(bytes_of(req), record(0xDEADBEEF, 77, 88, 1, FIB, 3, kLocs));   /* the request is not touched */
+    /* Both locations unfixed: nothing past the reported ones is written. */
+    EXPECT_EQ(bytes_of(reply), record(0xDEADBEEF, 1, code, 1, FIB, 2, {0x20, 0x30, 0x30, 0x44, 0x55, 0x66, 0x77, 0x88}));
+    EXPECT_EQ(bytes_of(req), record(0xDEADBEEF, 77, 88, 1, FIB, 2, kLocs));   /* the request is not touched */
     EXPECT_EQ(tcam3_fn_calls, 0);
 
     auto fix = fake::calls_of("orvex_tcam_fix_scan_errors");
     ASSERT_EQ(fix.size(), 1u);
     EXPECT_EQ(fix[0].p.inst, 1);
-    EXPECT_EQ(fix[0].a[0], 3u);
-    uint32_t first3[3] = {0x10, 0x20, 0x30};
-    EXPECT_EQ(fake::key_str(fix[0].in[0]), words_image(first3, 3));
+    EXPECT_EQ(fix[0].a[0], 2u);
+    EXPECT_EQ(fake::key_str(fix[0].in[0]), words_image(kLocs.data(), 2));
 }
 
 TEST_F(Parity, SuccessfulRepairReplyAndCountClampedToEight)

@@ -274,6 +274,21 @@ TEST_F(LmtRestore, AnUnreadableStoreKeepsUnownedEntries)
     }
 }
 
+/* A damaged store can hold one segment under two keys: the later copy rules. */
+TEST_F(LmtRestore, ASegmentUnderTwoKeysTakesTheLaterCopy)
+{
+    fake::card().size[FIB] = 100;
+    std::vector<uint32_t> earlier(100, INV), later(100, INV);
+    earlier[0] = 2, later[1] = 6;
+    put_segment(0, 3, 0, earlier);
+    fake::store()[seg_key(0, 3, 0) + "x"] = words_image(later.data(), later.size());
+    restart(FIB, {2, 6});
+    tcam_info *ti = info(0, FIB);
+    EXPECT_EQ(ti->lmt[0], INV);
+    EXPECT_EQ(ti->lmt[1], 6u);
+    expect_maps_consistent(ti);
+}
+
 /* Records that do not fit the table must restore without touching memory
  * outside the maps (the ASan build checks that) and leave consistent maps. */
 TEST_F(LmtRestore, MalformedRecordsRestoreSafely)
