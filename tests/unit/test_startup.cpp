@@ -180,14 +180,17 @@ TEST_F(Startup, RestoreCallbackRecordsHardwareEntriesInsideTheTable)
         EXPECT_EQ(t.sloc_valid[s], (s == 3 || s == 9) ? 1 : 0) << "sloc " << s;
 }
 
-/* ---- the validate callback ------------------------------------------------------------ */
+/* ---- callbacks without a handle ------------------------------------------------------ */
 
-TEST_F(Startup, ValidateWithoutAHandleRefuses)
+TEST_F(Startup, CallbacksWithoutAHandleRefuse)
 {
     uint8_t answer = 0xEE;
     EXPECT_EQ(tcamwrap_cb_validate(nullptr, 4, &answer), -1);
     EXPECT_EQ(answer, 0);
     EXPECT_EQ(tcamwrap_cb_validate(nullptr, 4, nullptr), -1);
+    const uint32_t w[3] = {1, 2, 3};
+    EXPECT_EQ(tcamwrap_cb_orvex_tcam_restore(nullptr, 3, w, w, 72, 0, 0, 0), -1);
+    EXPECT_EQ(tcamwrap_cb_orvex_tcam_walk(nullptr, 3, w, w, 72, 0, 0, 0), -1);
 }
 
 /* ---- restart and reconciliation ---------------------------------------------------------- */
