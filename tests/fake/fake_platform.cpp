@@ -78,10 +78,8 @@ Call &record(const char *fn, std::vector<uint64_t> a = {})
 Call &record_p(const char *fn, const tbl_params *p, std::vector<uint64_t> a = {})
 {
     Call &c = record(fn, std::move(a));
-    if (p) {
-        c.has_p = true;
+    if (p)
         c.p = *p;
-    }
     return c;
 }
 

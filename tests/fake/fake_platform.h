@@ -32,7 +32,6 @@ using Bytes = std::vector<uint8_t>;
 struct Call {
     std::string fn;
     std::vector<uint64_t> a;   /* scalar arguments in order; pointers as addresses */
-    bool has_p = false;
     tbl_params p{};            /* copy of the tbl_params record, when one was passed */
     std::vector<Bytes> in;     /* copies of the input buffers the callee read */
     Bytes handle;              /* engine calls: the table's callback handle at call time */

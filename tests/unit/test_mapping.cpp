@@ -59,7 +59,6 @@ TEST_F(Mapping, PreAddStoresTheSegmentOfTheLoc)
         SCOPED_TRACE(testing::Message() << "size " << c.size << " loc " << c.loc);
         SetUp();
         tcam_info *ti = fresh(FIB, c.size);
-        ASSERT_NE(ti, nullptr);
         uint32_t sloc = c.size - 1 - c.loc / 2;
         add(ti, c.loc, sloc);
         EXPECT_EQ(ti->lmt[c.loc], sloc);
@@ -244,7 +243,6 @@ TEST_F(LmtRestore, SegmentsOfOneTableAreRestoredAndTheWalkStopsAtTheNext)
     restart(FIB, {7, 1, 1499});
 
     tcam_info *ti = info(0, FIB);
-    ASSERT_NE(ti, nullptr);
     EXPECT_EQ(ti->lmt[0], 7u);
     EXPECT_EQ(ti->lmt[1000], 1u);
     EXPECT_EQ(ti->lmt[1034], 1499u);
@@ -326,7 +324,6 @@ TEST_F(LmtRestore, MalformedRecordsRestoreSafely)
             fake::store()[seg_key(0, 3, 1)] = c.seg1;
         restart(FIB, {2, 6});
         tcam_info *ti = info(0, FIB);
-        ASSERT_NE(ti, nullptr);
         expect_maps_consistent(ti);
         if (std::string(c.name) == "slocs beyond the table") {
             EXPECT_EQ(ti->lmt[3], 6u);

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -135,7 +136,13 @@ inline int start(const std::vector<int32_t> &types, uint32_t init_type, uint32_t
                          level, fac);
 }
 
-inline tcam_info *info(unsigned inst, uint32_t tbl) { return tcamwrap_gl_db.tcam_info[inst][tbl]; }
+/* The library's table that the test started: a missing one fails the test. */
+inline tcam_info *info(unsigned inst, uint32_t tbl)
+{
+    if (tcam_info *t = tcamwrap_gl_db.tcam_info[inst][tbl])
+        return t;
+    throw std::runtime_error("the library has no such table");
+}
 
 inline tbl_params params(uint8_t inst, uint32_t tbl, uint32_t n, uint32_t start, uint32_t opaque = 0)
 {
@@ -182,8 +189,6 @@ inline tcamwrap_cb_handle handle_of(const fake::Call &c)
         std::memcpy(&h, c.handle.data(), sizeof h);
     return h;
 }
-
-inline Bytes ff(size_t n) { return Bytes(n, 0xFF); }
 
 /* Host-order memory image of u32 words, as the library stores them. */
 inline std::string words_image(const uint32_t *w, size_t n)
