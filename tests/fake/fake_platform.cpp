@@ -1,6 +1,4 @@
-/*
- * fake_platform.cpp - the recording platform of the tests (see fake_platform.h).
- */
+/* fake_platform.cpp - the recording platform of the tests (see fake_platform.h). */
 #include "fake_platform.h"
 
 #include <cerrno>

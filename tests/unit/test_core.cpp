@@ -1,6 +1,4 @@
-/*
- * Queries, parameter checks, the trace mechanism and the debug-control calls.
- */
+/* Queries, parameter checks, the trace mechanism and the debug-control calls. */
 #include "test_support.h"
 
 namespace tw {

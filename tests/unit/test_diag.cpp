@@ -1,7 +1,5 @@
-/*
- * Diagnostics: the LMT and TCAM dumps read back from a socket pair, and the
- * parity-error correction with its reply checked byte by byte.
- */
+/* Diagnostics: the LMT and TCAM dumps read back from a socket pair, and the
+ * parity-error correction with its reply checked byte by byte. */
 #include "test_support.h"
 
 #include <sys/socket.h>

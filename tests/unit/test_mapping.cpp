@@ -1,7 +1,4 @@
-/*
- * LMT persistence and the camindex callback, driven the
- * way the search engine drives them.
- */
+/* LMT persistence and the camindex callback, driven the way the search engine drives them. */
 #include "test_support.h"
 
 namespace tw {

@@ -1,8 +1,5 @@
-/*
- * TCAM entry reads: a loc beyond the table and bad arguments. What reads return
- * for written, unmapped and failing locs is checked by the sweep, the fuzz
- * targets and the CLI runs, which read every loc back.
- */
+/* TCAM entry reads: a loc beyond the table and bad arguments (the sweep, the fuzz
+ * targets and the CLI runs read every written, unmapped and failing loc back). */
 #include "test_support.h"
 
 namespace tw {

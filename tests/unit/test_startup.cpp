@@ -1,7 +1,5 @@
-/*
- * Start-up and warm restart: tcamwrap_init, the restore and validate callbacks
- * and the reconciliation after a restart.
- */
+/* Start-up and warm restart: tcamwrap_init, the restore and validate callbacks
+ * and the reconciliation after a restart. */
 #include "test_support.h"
 
 /* A sanitizer brings its own allocator: the program cannot replace it. */

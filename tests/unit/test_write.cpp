@@ -1,8 +1,6 @@
-/*
- * Entry write through the fake engine: the bank of a loc, the ACLI pair rule and
- * bad arguments. What writes and deletes do to the card, across crashes and
- * failing calls, is the crash sweep's part.
- */
+/* Entry writes through the fake engine: the bank of a loc, the ACLI pair rule, bad
+ * arguments, an owed journal record. What writes and deletes do to the card across
+ * crashes and failing calls is the crash sweep's part. */
 #include "test_support.h"
 
 namespace tw {
@@ -118,6 +116,21 @@ TEST_F(Write, ArgumentChecks)
         EXPECT_TRUE(fake::calls_with_prefix("orvex_").empty());
         EXPECT_TRUE(fake::calls_with_prefix("fwd_").empty());
     }
+}
+
+/* A journal record whose delete failed holds the table's inserts until the store
+ * has none, also when it went although the store said the delete failed. */
+TEST_F(Write, AnOwedJournalRecordHoldsInsertsUntilTheStoreHasNone)
+{
+    boot({FIB});
+    ASSERT_EQ(Batch(FIB, 1, 1).write(params(0, FIB, 1, 12)), 0);
+    fake::fail("kvs_delete", 5, EIO);
+    Batch(FIB, 1, 2).write(params(0, FIB, 1, 12));   /* an overwrite: its record stays */
+    errno = 0;
+    EXPECT_EQ(Batch(FIB, 1, 3).write(params(0, FIB, 1, 20)), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    fake::store().erase(fake::store_key(prefix_str(), 3, 0, FIB, 0));
+    EXPECT_EQ(Batch(FIB, 1, 3).write(params(0, FIB, 1, 20)), 0);
 }
 
 }  // namespace
